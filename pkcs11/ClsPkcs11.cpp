@@ -1,0 +1,74 @@
+// The module object: construction, destruction, properties and the reporters
+// that the Cryptoki call layer uses.
+#include "ClsPkcs11.h"
+
+#include <memory>
+
+namespace p11client {
+
+ClsPkcs11::ClsPkcs11() = default;
+
+// Leaves nothing behind in the module: logs out, closes the session and lets
+// go of the library (finalizing it when this was its last user).
+ClsPkcs11::~ClsPkcs11()
+{
+    CritSecExitor lock(this);
+    LogNull log;
+    unloadModule(log);
+}
+
+ClsPkcs11* ClsPkcs11::createNewCls()
+{
+    try {
+        return std::make_unique<ClsPkcs11>().release();
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+void ClsPkcs11::get_SharedLibPath(XString& out)
+{
+    CritSecExitor lock(this);
+    out.copyFromX(m_sharedLibPath);
+}
+
+void ClsPkcs11::put_SharedLibPath(const XString& path)
+{
+    CritSecExitor lock(this);
+    m_sharedLibPath.copyFromX(path);
+}
+
+void ClsPkcs11::get_SigContextPin(XString& out)
+{
+    CritSecExitor lock(this);
+    out.copyFromX(m_sigContextPin);
+}
+
+void ClsPkcs11::put_SigContextPin(const XString& pin)
+{
+    CritSecExitor lock(this);
+    m_sigContextPin.copyFromX(pin);
+}
+
+bool ClsPkcs11::noFunc(const char* functionName, LogBase& log)
+{
+    log.LogError("Function not found");
+    log.LogData("functionName", functionName);
+    log.LogDataX("sharedLibPath", m_loadedLibPath);
+    return false;
+}
+
+bool ClsPkcs11::noFuncs(LogBase& log)
+{
+    log.LogError("PKCS11 functions not available");
+    log.LogDataX("sharedLibPath", m_loadedLibPath);
+    return false;
+}
+
+bool ClsPkcs11::noSession(LogBase& log)
+{
+    log.LogError("No PKCS11 session is open.");
+    return false;
+}
+
+} // namespace p11client

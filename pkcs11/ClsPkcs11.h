@@ -1,0 +1,136 @@
+#pragma once
+
+#include "ClsBase.h"
+#include "ModuleLibrary.h"
+#include "XString.h"
+
+#include <vector>
+
+namespace p11client {
+
+class ClsJsonObject;
+class ExtPtrArraySb;
+class StringBuffer;
+struct PinArg;
+
+// A vendor PKCS#11 library, loaded at run time, and at most one open session
+// on one of its slots.
+//
+// Every public method (capitalised) holds the object's lock for its whole
+// run, opens a context named after itself in the object's log, and returns
+// false with the reason in the log (LogText) instead of throwing. User types
+// are the Cryptoki values: 0 security officer, 1 normal user, 2
+// context-specific.
+class ClsPkcs11 : public ClsBase {
+public:
+    static constexpr int kUserTypeSecurityOfficer = 0;
+    static constexpr int kUserTypeUser = 1;
+    static constexpr int kUserTypeContextSpecific = 2;
+
+    ClsPkcs11();
+    ~ClsPkcs11() override;
+    ClsPkcs11(const ClsPkcs11&) = delete;
+    ClsPkcs11& operator=(const ClsPkcs11&) = delete;
+
+    // A new object owned by the caller, or null if it could not be made.
+    static ClsPkcs11* createNewCls();
+
+    // Path of the PKCS#11 library to load. Changing it does not touch a
+    // library already loaded until the next load attempt.
+    void get_SharedLibPath(XString& out);
+    void put_SharedLibPath(const XString& path);
+    // PIN given at each signing operation with a key that needs a
+    // context-specific login.
+    void get_SigContextPin(XString& out);
+    void put_SigContextPin(const XString& pin);
+
+    bool hasOpenSession() const { return m_hSession != 0; }
+
+    // Loads (if needed) and initializes the library.
+    bool Initialize();
+    // Loads and initializes the library and reports it and its slots
+    // (only those with a token when onlyTokensPresent) as JSON.
+    bool Discover(bool onlyTokensPresent, ClsJsonObject& json);
+    // Opens a session on slotId, or with -1 on the first slot with a token
+    // that accepts one. An open session is closed first.
+    bool OpenSession(int slotId, bool readWrite);
+    bool CloseSession();
+    // Logs in as security officer (0) or user (1); type 2 only keeps the PIN
+    // for the signing operations to come.
+    bool Login(int userType, const XString& pin);
+    bool Logout();
+    // Initialize, a read-write session on the first slot with a token, and a
+    // login unless the PIN is empty.
+    bool QuickSession(int userType, const XString& pin);
+    // Changes the PIN of the logged-in user (or of the normal user in a
+    // session where nobody is logged in).
+    bool SetPin(const XString& oldPin, const XString& newPin);
+    // Sets the normal user's PIN; the security officer must be logged in.
+    bool InitPin(const XString& pin);
+    // Initializes the token in slotId (all its objects are destroyed).
+    bool InitToken(int slotId, const XString& soPin, const XString& label);
+
+    // The embedded card database.
+    static bool GetCardDataJson(ClsJsonObject& json, LogBase& log);
+    static bool CardDataLookupAtr2(const char* atr, StringBuffer& cardName, bool& readOnly,
+                                   ExtPtrArraySb& driverPaths, LogBase& log);
+    static bool CardDataLookupAtr(ClsJsonObject& db, const char* atr, StringBuffer& cardName, bool& readOnly,
+                                  ExtPtrArraySb& driverPaths, LogBase& log);
+    static bool getPkcs11DriverPaths(ClsJsonObject& driver, const char* osKey, ExtPtrArraySb& paths,
+                                     LogBase& log);
+
+    // Entry points for the rest of the library; they log into the log given.
+    bool loadPkcs11Dll_2(LogBase& log);
+    void checkSetSpecial(LogBase& log);
+    bool discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log);
+    bool openSession(int slotId, bool readWrite, LogBase& log);
+    bool login(int userType, const char* pin, LogBase& log);
+    void setContextSpecificPin(const XString& pin, LogBase& log);
+    bool alreadyLoggedIn(int userType, LogBase& log);
+
+    // Reporters for the Cryptoki call layer; each returns false.
+    bool noFunc(const char* functionName, LogBase& log);
+    bool noFuncs(LogBase& log);
+    bool noSession(LogBase& log);
+
+private:
+    // Loading.
+    bool loadPkcs11Dll(bool stripDirectory, LogBase& log);
+    void unloadModule(LogBase& log);
+
+    // The Cryptoki call layer.
+    bool getPkcs11Functions(LogBase& log);
+    bool pkcs11_initialize(LogBase& log);
+    bool getCryptokiInfo(ClsJsonObject& json, LogBase& log);
+    bool getSlotsInfo(bool onlyTokensPresent, bool includeRawFlags, bool stopAtSlotError, ClsJsonObject& json,
+                      LogBase& log);
+    bool addSlotInfo(unsigned long slotId, int index, bool includeRawFlags, ClsJsonObject& json, LogBase& log);
+    bool addTokenInfo(unsigned long slotId, int index, bool includeRawFlags, ClsJsonObject& json, LogBase& log);
+    bool getSlotList(bool tokenPresent, std::vector<unsigned long>& slotIds, LogBase& log);
+    bool getSlotIdsWithTokenPresent(unsigned long* ids, unsigned int& count, LogBase& log);
+    bool C_OpenSession(unsigned long slotId, bool quiet, bool readWrite, LogBase& log);
+    bool C_CloseSession(LogBase& log);
+    bool C_Login(int userType, const char* pin, bool quiet, LogBase& log);
+    bool C_Logout(LogBase& log);
+    bool C_SetPIN(const char* oldPin, const char* newPin, LogBase& log);
+    bool C_InitPIN(const char* pin, LogBase& log);
+    bool C_InitToken(unsigned long slotId, const char* soPin, const char* label, LogBase& log);
+    void refreshLoginState(LogBase& log);
+    bool pinUsable(const PinArg& pin, LogBase& log);
+    void endSessionQuietly(LogBase& log);
+    void finalizeQuietly(LogBase& log);
+    bool checkRv(const char* function, unsigned long rv, LogBase& log, bool quiet = false);
+
+    XString m_sharedLibPath;
+    XString m_loadedLibPath;
+    ModuleLibrary m_dlHandle; // the loaded library and its function list
+    unsigned long m_hSession = 0;
+    unsigned long m_slotId = 0;
+    bool m_initialized = false;
+    bool m_certHandleIsKeyHandle = false;
+    bool m_soLoggedIn = false;
+    bool m_userLoggedIn = false;
+    XString m_sigContextPin;
+};
+
+} // namespace p11client

@@ -1,0 +1,123 @@
+// Sessions and login.
+#include "ClsPkcs11.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+namespace p11client {
+
+namespace {
+
+// How many slots with a token openSession considers.
+constexpr unsigned int kSlotCapacity = 100;
+
+void logContextPinKept(LogBase& log)
+{
+    log.LogInfo("This is a context-specific PIN, so we're not actually logging in right now...");
+    log.LogInfo("The context-specific PIN is saved for the time when each signing operation occurs.");
+    log.LogInfo("At that point, the PIN is used within the context of signing.");
+}
+
+} // namespace
+
+bool ClsPkcs11::OpenSession(int slotId, bool readWrite)
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(*this, "OpenSession");
+    const bool ok = runGuarded(m_log, [&] { return openSession(slotId, readWrite, m_log); });
+    logSuccessFailure(ok);
+    return ok;
+}
+
+bool ClsPkcs11::CloseSession()
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(*this, "CloseSession");
+    return runGuarded(m_log, [&] { return C_CloseSession(m_log); });
+}
+
+bool ClsPkcs11::Login(int userType, const XString& pin)
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(*this, "Login");
+    return runGuarded(m_log, [&] {
+        if (userType == kUserTypeContextSpecific) {
+            m_sigContextPin.copyFromX(pin);
+            logContextPinKept(m_log);
+            logSuccessFailure2(true, m_log);
+            return true;
+        }
+        return C_Login(userType, pin.getUtf8(), false, m_log);
+    });
+}
+
+bool ClsPkcs11::Logout()
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(*this, "Logout");
+    return runGuarded(m_log, [&] { return C_Logout(m_log); });
+}
+
+bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(log, "openSession");
+    std::array<unsigned long, kSlotCapacity> ids{};
+    unsigned int count = kSlotCapacity;
+    if (!getSlotIdsWithTokenPresent(ids.data(), count, log)) {
+        log.LogError("Failed to get slot IDs");
+        return false;
+    }
+    if (slotId == -1) {
+        for (unsigned int i = 0; i < count; ++i) {
+            if (C_OpenSession(ids[i], false, readWrite, log)) {
+                m_slotId = ids[i];
+                return true;
+            }
+        }
+        return false;
+    }
+    log.LogDataLong("desiredSlotId", slotId);
+    // Slot IDs are compared as the 32-bit values the caller's int carries.
+    const auto wanted = static_cast<std::uint32_t>(slotId);
+    const auto end = ids.begin() + count;
+    const auto found = std::find_if(ids.begin(), end,
+                                     [&](unsigned long id) { return static_cast<std::uint32_t>(id) == wanted; });
+    if (found == end) {
+        log.LogError("Did not find desired slot ID.");
+        return false;
+    }
+    if (!C_OpenSession(*found, false, readWrite, log))
+        return false;
+    m_slotId = *found;
+    return true;
+}
+
+bool ClsPkcs11::login(int userType, const char* pin, LogBase& log)
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(log, "Login");
+    return C_Login(userType, pin, false, log);
+}
+
+void ClsPkcs11::setContextSpecificPin(const XString& pin, LogBase& log)
+{
+    m_sigContextPin.copyFromX(pin);
+    logContextPinKept(log);
+}
+
+bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&)
+{
+    if (m_hSession == 0)
+        return false;
+    if (userType < 0)
+        userType = kUserTypeUser;
+    if (userType == kUserTypeSecurityOfficer)
+        return m_soLoggedIn;
+    if (userType == kUserTypeUser)
+        return m_userLoggedIn;
+    return false;
+}
+
+} // namespace p11client

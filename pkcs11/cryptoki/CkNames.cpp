@@ -1,0 +1,59 @@
+#include "CkNames.h"
+
+#include <cstdio>
+
+namespace p11client {
+
+namespace {
+
+struct CkName {
+    unsigned long value;
+    const char* name;
+};
+
+#define P11_NAME(symbol) {symbol, #symbol},
+constexpr CkName kCkrNames[] = {
+#include "CkrList.inc"
+};
+constexpr CkName kCkaNames[] = {
+#include "CkaList.inc"
+};
+#undef P11_NAME
+
+std::string hexText(const char* prefix, unsigned long value)
+{
+    char text[48];
+    std::snprintf(text, sizeof text, "%s0x%lx", prefix, value);
+    return text;
+}
+
+template <std::size_t N>
+const char* lookup(const CkName (&table)[N], unsigned long value)
+{
+    for (const CkName& entry : table)
+        if (entry.value == value)
+            return entry.name;
+    return nullptr;
+}
+
+} // namespace
+
+std::string ckrName(CK_RV rv)
+{
+    if (const char* name = lookup(kCkrNames, rv))
+        return name;
+    if (rv >= CKR_VENDOR_DEFINED)
+        return hexText("CKR_VENDOR_DEFINED+", rv - CKR_VENDOR_DEFINED);
+    return hexText("", rv);
+}
+
+std::string ckaName(CK_ATTRIBUTE_TYPE type)
+{
+    if (const char* name = lookup(kCkaNames, type))
+        return name;
+    if (type >= CKA_VENDOR_DEFINED)
+        return hexText("CKA_VENDOR_DEFINED+", type - CKA_VENDOR_DEFINED);
+    return hexText("", type);
+}
+
+} // namespace p11client

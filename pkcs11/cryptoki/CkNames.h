@@ -1,0 +1,16 @@
+#pragma once
+
+#include "Cryptoki.h"
+
+#include <string>
+
+namespace p11client {
+
+// "CKR_PIN_INCORRECT"; vendor codes as "CKR_VENDOR_DEFINED+0x12"; anything
+// else unknown as its hexadecimal value.
+std::string ckrName(CK_RV rv);
+
+// "CKA_LABEL"; unknown types as their hexadecimal value. Null-free.
+std::string ckaName(CK_ATTRIBUTE_TYPE type);
+
+} // namespace p11client

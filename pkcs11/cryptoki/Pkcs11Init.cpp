@@ -1,0 +1,70 @@
+// The call layer's start and end: the function list, C_Initialize and
+// C_Finalize, and how a return value is reported.
+#include "ClsPkcs11.h"
+
+#include "CkNames.h"
+#include "ModuleInitRegistry.h"
+
+namespace p11client {
+
+bool ClsPkcs11::checkRv(const char* function, unsigned long rv, LogBase& log, bool quiet)
+{
+    if (rv == CKR_OK) {
+        if (log.m_verbose)
+            log.LogInfo((std::string(function) + " returned CKR_OK").c_str());
+        return true;
+    }
+    const std::string message = std::string(function) + " returned " + ckrName(rv);
+    if (quiet)
+        log.LogInfo(message.c_str());
+    else
+        log.LogError(message.c_str());
+    return false;
+}
+
+bool ClsPkcs11::getPkcs11Functions(LogBase& log)
+{
+    m_dlHandle.setFunctions(nullptr);
+    auto* getFunctionList = reinterpret_cast<CK_C_GetFunctionList>(m_dlHandle.symbol("C_GetFunctionList"));
+    if (getFunctionList == nullptr)
+        return noFunc("C_GetFunctionList", log);
+    CK_FUNCTION_LIST* functions = nullptr;
+    if (!checkRv("C_GetFunctionList", getFunctionList(&functions), log))
+        return false;
+    if (functions == nullptr)
+        return noFuncs(log);
+    m_dlHandle.setFunctions(functions);
+    return true;
+}
+
+bool ClsPkcs11::pkcs11_initialize(LogBase& log)
+{
+    if (m_initialized)
+        return true;
+    if (m_dlHandle.functions() == nullptr && !loadPkcs11Dll_2(log))
+        return false;
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    if (f->C_Initialize == nullptr)
+        return noFunc("C_Initialize", log);
+
+    const ModuleInitRegistry::Outcome outcome = ModuleInitRegistry::acquire(m_dlHandle.image(), f);
+    if (!checkRv("C_Initialize", outcome.rv, log))
+        return false;
+    if (!outcome.calledInitialize)
+        log.LogInfo("The library is already initialized by another object that loaded it.");
+    if (outcome.initializedElsewhere)
+        log.LogInfo("The library was initialized elsewhere in this process; it will not be finalized here.");
+    m_initialized = true;
+    return true;
+}
+
+void ClsPkcs11::finalizeQuietly(LogBase& log)
+{
+    if (!m_initialized)
+        return;
+    m_initialized = false;
+    if (ModuleInitRegistry::release(m_dlHandle.image(), m_dlHandle.functions()))
+        log.LogVerbose("C_Finalize called.");
+}
+
+} // namespace p11client

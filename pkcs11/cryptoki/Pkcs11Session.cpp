@@ -1,0 +1,204 @@
+// The call layer for slots, sessions and login.
+#include "ClsPkcs11.h"
+
+#include "Cryptoki.h"
+#include "PinArg.h"
+
+#include <algorithm>
+
+namespace p11client {
+
+namespace {
+
+// No reader or HSM has thousands of slots; a larger count is a broken module.
+constexpr CK_ULONG kMaxSlots = 4096;
+// A module whose slot list changes between the count and the fill call is
+// asked again, a few times.
+constexpr int kSlotListAttempts = 4;
+
+bool sessionIsGone(CK_RV rv)
+{
+    return rv == CKR_OK || rv == CKR_SESSION_CLOSED || rv == CKR_SESSION_HANDLE_INVALID
+        || rv == CKR_DEVICE_REMOVED || rv == CKR_TOKEN_NOT_PRESENT;
+}
+
+} // namespace
+
+bool ClsPkcs11::getSlotList(bool tokenPresent, std::vector<unsigned long>& slotIds, LogBase& log)
+{
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    if (f == nullptr)
+        return noFuncs(log);
+    if (f->C_GetSlotList == nullptr)
+        return noFunc("C_GetSlotList", log);
+    const CK_BBOOL present = tokenPresent ? CK_TRUE : CK_FALSE;
+    for (int attempt = 0; attempt < kSlotListAttempts; ++attempt) {
+        CK_ULONG count = 0;
+        if (!checkRv("C_GetSlotList", f->C_GetSlotList(present, nullptr, &count), log))
+            return false;
+        if (count > kMaxSlots) {
+            log.LogError("C_GetSlotList reported more slots than any device has.");
+            log.LogDataLong("slotCount", static_cast<long>(count));
+            return false;
+        }
+        slotIds.assign(count, 0);
+        if (count == 0)
+            return true;
+        CK_ULONG filled = count;
+        const CK_RV rv = f->C_GetSlotList(present, slotIds.data(), &filled);
+        if (rv == CKR_BUFFER_TOO_SMALL)
+            continue; // a slot appeared between the two calls
+        if (!checkRv("C_GetSlotList", rv, log))
+            return false;
+        slotIds.resize(std::min(filled, count));
+        return true;
+    }
+    log.LogError("The slot list kept changing while it was read.");
+    return false;
+}
+
+bool ClsPkcs11::getSlotIdsWithTokenPresent(unsigned long* ids, unsigned int& count, LogBase& log)
+{
+    std::vector<unsigned long> slotIds;
+    if (!getSlotList(true, slotIds, log))
+        return false;
+    if (slotIds.size() > count)
+        log.LogInfo("Only the first slots of the list are considered.");
+    const std::size_t n = std::min<std::size_t>(slotIds.size(), count);
+    std::copy_n(slotIds.begin(), n, ids);
+    count = static_cast<unsigned int>(n);
+    return true;
+}
+
+bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool quiet, bool readWrite, LogBase& log)
+{
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    if (f == nullptr)
+        return noFuncs(log);
+    if (f->C_OpenSession == nullptr)
+        return noFunc("C_OpenSession", log);
+    if (m_hSession != 0) {
+        log.LogInfo("Closing the session that is open before opening another.");
+        endSessionQuietly(log);
+    }
+    log.LogDataLong("slotId", static_cast<long>(slotId));
+    const CK_FLAGS flags = CKF_SERIAL_SESSION | (readWrite ? CKF_RW_SESSION : 0);
+    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+    if (!checkRv("C_OpenSession", f->C_OpenSession(slotId, flags, nullptr, nullptr, &session), log, quiet))
+        return false;
+    m_hSession = session;
+    refreshLoginState(log);
+    return true;
+}
+
+// Login state belongs to the token, not to one session: a new session on a
+// token where this application is already logged in starts logged in.
+void ClsPkcs11::refreshLoginState(LogBase& log)
+{
+    m_soLoggedIn = false;
+    m_userLoggedIn = false;
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    if (f == nullptr || f->C_GetSessionInfo == nullptr || m_hSession == 0)
+        return;
+    CK_SESSION_INFO info{};
+    if (!checkRv("C_GetSessionInfo", f->C_GetSessionInfo(m_hSession, &info), log, true))
+        return;
+    m_soLoggedIn = info.state == CKS_RW_SO_FUNCTIONS;
+    m_userLoggedIn = info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
+}
+
+bool ClsPkcs11::C_CloseSession(LogBase& log)
+{
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    if (f == nullptr)
+        return noFuncs(log);
+    if (f->C_CloseSession == nullptr)
+        return noFunc("C_CloseSession", log);
+    if (m_hSession == 0)
+        return noSession(log);
+    const CK_RV rv = f->C_CloseSession(m_hSession);
+    if (sessionIsGone(rv)) {
+        m_hSession = 0;
+        m_soLoggedIn = false;
+        m_userLoggedIn = false;
+    }
+    return checkRv("C_CloseSession", rv, log);
+}
+
+// For cleanup paths: never fails, whatever the module says about a session
+// that may already be gone.
+void ClsPkcs11::endSessionQuietly(LogBase& log)
+{
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    if (m_hSession != 0 && f != nullptr) {
+        if ((m_soLoggedIn || m_userLoggedIn) && f->C_Logout != nullptr)
+            checkRv("C_Logout", f->C_Logout(m_hSession), log, true);
+        if (f->C_CloseSession != nullptr)
+            checkRv("C_CloseSession", f->C_CloseSession(m_hSession), log, true);
+    }
+    m_hSession = 0;
+    m_soLoggedIn = false;
+    m_userLoggedIn = false;
+}
+
+// An empty PIN is only usable on a token with a PIN pad, where the user
+// types it on the reader.
+bool ClsPkcs11::pinUsable(const PinArg& pin, LogBase& log)
+{
+    if (pin.size != 0)
+        return true;
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_TOKEN_INFO info{};
+    const bool pinPad = f != nullptr && f->C_GetTokenInfo != nullptr
+        && checkRv("C_GetTokenInfo", f->C_GetTokenInfo(m_slotId, &info), log, true)
+        && (info.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
+    if (!pinPad)
+        log.LogError("The PIN is empty.");
+    return pinPad;
+}
+
+bool ClsPkcs11::C_Login(int userType, const char* pin, bool quiet, LogBase& log)
+{
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    if (f == nullptr)
+        return noFuncs(log);
+    if (f->C_Login == nullptr)
+        return noFunc("C_Login", log);
+    if (m_hSession == 0)
+        return noSession(log);
+    log.LogDataLong("userType", userType);
+    const PinArg pinArg(pin);
+    if (!pinUsable(pinArg, log))
+        return false;
+    CK_RV rv = f->C_Login(m_hSession, static_cast<CK_USER_TYPE>(userType), pinArg.bytes, pinArg.size);
+    if (rv == CKR_USER_ALREADY_LOGGED_IN) {
+        log.LogInfo("Already logged in.");
+        rv = CKR_OK;
+    }
+    if (!checkRv("C_Login", rv, log, quiet))
+        return false;
+    if (userType == CKU_SO)
+        m_soLoggedIn = true;
+    else if (userType == CKU_USER)
+        m_userLoggedIn = true;
+    return true;
+}
+
+bool ClsPkcs11::C_Logout(LogBase& log)
+{
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    if (f == nullptr)
+        return noFuncs(log);
+    if (f->C_Logout == nullptr)
+        return noFunc("C_Logout", log);
+    if (m_hSession == 0)
+        return noSession(log);
+    const CK_RV rv = f->C_Logout(m_hSession);
+    if (rv == CKR_OK || rv == CKR_USER_NOT_LOGGED_IN) {
+        m_soLoggedIn = false;
+        m_userLoggedIn = false;
+    }
+    return checkRv("C_Logout", rv, log);
+}
+
+} // namespace p11client
