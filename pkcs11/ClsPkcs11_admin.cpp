@@ -1,6 +1,8 @@
 // PIN and token administration.
 #include "ClsPkcs11.h"
 
+#include <cstdint>
+
 namespace p11client {
 
 bool ClsPkcs11::SetPin(const XString& oldPin, const XString& newPin)
@@ -22,14 +24,15 @@ bool ClsPkcs11::InitPin(const XString& pin)
 }
 
 // The context is named after the certificate search on purpose: tools that
-// read this log already know the name.
+// read this log already know the name. The slot number is taken as the 32-bit
+// value the int carries, so every slot ID a module hands out can be named,
+// also those above INT_MAX (-1 is then 0xFFFFFFFF, no "any slot" here).
 bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "FindCert_pkcs11");
-    const bool ok = runGuarded(m_log, [&] {
-        return C_InitToken(static_cast<unsigned long>(slotId), soPin.getUtf8(), label.getUtf8(), m_log);
-    });
+    const unsigned long slot = static_cast<std::uint32_t>(slotId);
+    const bool ok = runGuarded(m_log, [&] { return C_InitToken(slot, soPin.getUtf8(), label.getUtf8(), m_log); });
     logSuccessFailure(ok);
     return ok;
 }

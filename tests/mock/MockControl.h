@@ -1,0 +1,164 @@
+// Control API of the mock PKCS#11 module (libmockp11.so).
+//
+// Test executables link against libmockp11.so and call these functions directly;
+// the library under test dlopen()s the same file (modulePath()) and reaches it
+// through C_GetFunctionList. The dynamic loader hands both the same image, so
+// what a test sets up here is what the library sees, and every call the library
+// makes shows up in calls().
+//
+// Every function here takes the module's lock; none may be called from inside an
+// entry point (use afterCall() for actions that must happen between calls).
+// Misuse of the control API (unknown slot, object on a slot without a token)
+// throws std::invalid_argument: that is a bug in the test, not in the library.
+#pragma once
+
+#include <p11-kit/pkcs11.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#define MOCK_API __attribute__((visibility("default")))
+
+namespace mock {
+
+// Text fields (labels, descriptions, ...) are byte strings: a value shorter
+// than the PKCS#11 field is blank-padded, a longer one is cut to the field
+// width. Any bytes are allowed, so a test can hand in non-UTF-8 text, or a
+// value exactly as wide as the field holding NULs to imitate a module that
+// NUL-terminates instead of padding.
+
+struct LibrarySpec {  // what C_GetInfo reports
+    CK_VERSION cryptokiVersion{2, 40};
+    std::string manufacturer = "Mock Module Project";
+    std::string description = "Mock PKCS#11 Module";
+    CK_FLAGS flags = 0;
+    CK_VERSION libraryVersion{1, 0};
+};
+
+struct TokenSpec {
+    std::string label = "Mock Token";
+    std::string manufacturer = "Mock Module Project";
+    std::string model = "Mock Model";
+    std::string serialNumber = "0000000000000001";
+    // CKF_USER_PIN_LOCKED / CKF_SO_PIN_LOCKED make C_Login answer CKR_PIN_LOCKED;
+    // CKF_PROTECTED_AUTHENTICATION_PATH lets C_Login accept a NULL PIN (pinpad).
+    CK_FLAGS flags = CKF_RNG | CKF_LOGIN_REQUIRED | CKF_USER_PIN_INITIALIZED | CKF_TOKEN_INITIALIZED;
+    std::string soPin = "12345678";
+    std::string userPin = "1234";
+    CK_ULONG minPinLen = 4;
+    CK_ULONG maxPinLen = 255;
+    // A finite maximum makes C_OpenSession answer CKR_SESSION_COUNT when reached;
+    // CK_EFFECTIVELY_INFINITE and CK_UNAVAILABLE_INFORMATION impose no limit.
+    CK_ULONG maxSessionCount = CK_EFFECTIVELY_INFINITE;
+    CK_ULONG maxRwSessionCount = CK_EFFECTIVELY_INFINITE;
+    CK_ULONG totalPublicMemory = CK_UNAVAILABLE_INFORMATION;
+    CK_ULONG freePublicMemory = CK_UNAVAILABLE_INFORMATION;
+    CK_ULONG totalPrivateMemory = CK_UNAVAILABLE_INFORMATION;
+    CK_ULONG freePrivateMemory = CK_UNAVAILABLE_INFORMATION;
+    CK_VERSION hardwareVersion{1, 0};
+    CK_VERSION firmwareVersion{1, 0};
+    std::string utcTime{};  // 16 bytes "YYYYMMDDhhmmss00"; empty = blanks
+};
+
+struct SlotSpec {
+    std::string description = "Mock Slot";
+    std::string manufacturer = "Mock Module Project";
+    // CKF_TOKEN_PRESENT is managed by the mock: set exactly when a token is there.
+    CK_FLAGS flags = CKF_REMOVABLE_DEVICE | CKF_HW_SLOT;
+    CK_VERSION hardwareVersion{1, 0};
+    CK_VERSION firmwareVersion{1, 0};
+    std::optional<TokenSpec> token = TokenSpec{};  // std::nullopt: an empty slot
+    CK_RV openSessionResult = CKR_OK;  // anything else: C_OpenSession refuses with it
+};
+
+// One entry point invocation as the module received it. Fields that do not
+// apply to the function stay 0 / empty. PINs are never recorded.
+struct Call {
+    std::string function;             // "C_Login", ...
+    CK_SLOT_ID slot = 0;              // the slot argument, or the slot of the session
+    CK_SESSION_HANDLE session = 0;    // the session argument; C_OpenSession: the new handle
+    CK_ULONG userType = 0;            // C_Login
+    CK_FLAGS flags = 0;               // C_Initialize: args flags; C_OpenSession: flags;
+                                      // C_GetSlotList: tokenPresent
+    CK_OBJECT_HANDLE object = 0;      // C_GetAttributeValue
+    CK_ULONG count = 0;               // C_FindObjects: ulMaxObjectCount;
+                                      // C_FindObjectsInit / C_GetAttributeValue: template size
+    std::vector<CK_ATTRIBUTE_TYPE> attributeTypes{};  // template types of the same two calls
+    CK_RV result = CKR_OK;
+};
+
+using Attribute = std::pair<CK_ATTRIBUTE_TYPE, std::vector<uint8_t>>;
+
+// --- module lifetime -------------------------------------------------------
+// Back to nothing: not initialized, library info at its defaults, no slots,
+// objects, sessions, faults or afterCall actions, call record and counters emptied.
+// Session and object handles keep counting up, so a handle from before stays invalid.
+MOCK_API void reset();
+// Absolute path of libmockp11.so, for the library's path setting.
+MOCK_API std::string modulePath();
+// Variants built beside it: a shared library without any C_GetFunctionList, and
+// one whose C_GetFunctionList returns CKR_OK with a NULL list.
+MOCK_API std::string noFunctionListModulePath();
+MOCK_API std::string nullFunctionListModulePath();
+
+// --- set-up ----------------------------------------------------------------
+MOCK_API void setLibraryInfo(const LibrarySpec& info);
+MOCK_API void addSlot(CK_SLOT_ID id, const SlotSpec& spec);  // slots list in the order added
+MOCK_API void insertToken(CK_SLOT_ID slot, const TokenSpec& token);  // replaces any; closes sessions
+MOCK_API void removeToken(CK_SLOT_ID slot);  // closes the slot's sessions, drops its objects
+// Adds a token object; types in `sensitive` read back as CKR_ATTRIBUTE_SENSITIVE.
+// An object with CKA_PRIVATE = CK_TRUE is only visible while the user is logged in.
+MOCK_API CK_OBJECT_HANDLE addObject(CK_SLOT_ID slot, std::vector<Attribute> attributes,
+                                    std::vector<CK_ATTRIBUTE_TYPE> sensitive = {});
+MOCK_API void removeObject(CK_OBJECT_HANDLE object);
+
+// --- faults ----------------------------------------------------------------
+// The next `times` calls of `function` (-1: every call) return rv at once,
+// without doing anything else (still recorded). Faults queue per function:
+// a second failCall on the same function applies after the first runs out.
+MOCK_API void failCall(const std::string& function, CK_RV rv, int times = 1);
+// Runs `action` right after the next `times` calls of `function` (-1: every
+// call), outside the module's lock, before the caller gets the result: e.g. add
+// a slot between the two C_GetSlotList calls, or pull the token mid-search.
+MOCK_API void afterCall(const std::string& function, std::function<void()> action, int times = 1);
+
+// --- call record -------------------------------------------------------------
+MOCK_API std::vector<Call> calls();
+MOCK_API int callCount(const std::string& function);
+MOCK_API void clearCalls();
+
+// --- state queries -----------------------------------------------------------
+MOCK_API bool initialized();
+MOCK_API CK_FLAGS lastInitializeFlags();  // of the last C_Initialize that ran (0 if no args)
+MOCK_API bool lastInitializeHadArgs();
+MOCK_API int initializeCount();  // successful C_Initialize calls since reset()
+MOCK_API int finalizeCount();    // successful C_Finalize calls since reset()
+MOCK_API size_t openSessionCount();
+MOCK_API bool loggedIn(CK_SLOT_ID slot, CK_USER_TYPE userType);
+MOCK_API std::string tokenLabel(CK_SLOT_ID slot);  // trailing blanks trimmed
+MOCK_API std::string userPin(CK_SLOT_ID slot);     // test side only: checks C_SetPIN/C_InitPIN
+MOCK_API std::string soPin(CK_SLOT_ID slot);
+MOCK_API CK_FLAGS tokenFlags(CK_SLOT_ID slot);
+MOCK_API size_t activeFindOperations();
+
+// --- attribute builders ------------------------------------------------------
+inline Attribute ulongAttr(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&value);
+    return {type, std::vector<uint8_t>(bytes, bytes + sizeof value)};
+}
+inline Attribute boolAttr(CK_ATTRIBUTE_TYPE type, bool value) {
+    return {type, std::vector<uint8_t>{static_cast<uint8_t>(value ? CK_TRUE : CK_FALSE)}};
+}
+inline Attribute stringAttr(CK_ATTRIBUTE_TYPE type, std::string_view value) {
+    return {type, std::vector<uint8_t>(value.begin(), value.end())};
+}
+inline Attribute bytesAttr(CK_ATTRIBUTE_TYPE type, std::vector<uint8_t> value) {
+    return {type, std::move(value)};
+}
+
+}  // namespace mock

@@ -1,0 +1,98 @@
+// In-memory model of the mock module: slots, tokens, objects, sessions, plus
+// the fault queue and call record. One mutex guards all of it; entry points
+// take it through dispatch() (MockDispatch.h), the control API directly.
+#pragma once
+
+#include "MockControl.h"
+
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+
+namespace mock {
+
+struct Object {
+    CK_OBJECT_HANDLE handle = 0;
+    std::map<CK_ATTRIBUTE_TYPE, std::vector<uint8_t>> attributes;
+    std::set<CK_ATTRIBUTE_TYPE> sensitive;
+
+    bool isPrivate() const;
+    bool matches(const CK_ATTRIBUTE* pTemplate, CK_ULONG count) const;
+};
+
+struct Token {
+    TokenSpec spec;                          // label, flags and PINs change at run time
+    std::optional<CK_USER_TYPE> loggedInAs;  // shared by all sessions of the token
+    std::vector<Object> objects;
+
+    bool sees(const Object& object) const;  // private objects need the user logged in
+    Object* findVisible(CK_OBJECT_HANDLE handle);
+};
+
+struct Slot {
+    CK_SLOT_ID id = 0;
+    SlotSpec spec;               // spec.token is not used after set-up
+    std::optional<Token> token;  // the live token
+};
+
+struct FindOperation {
+    std::vector<CK_OBJECT_HANDLE> matches;
+    size_t next = 0;
+};
+
+struct Session {
+    CK_SESSION_HANDLE handle = 0;
+    CK_SLOT_ID slot = 0;
+    bool readWrite = false;
+    std::optional<FindOperation> find{};
+    // Set by an operation that may need CKU_CONTEXT_SPECIFIC login. Only signing
+    // would do so; the mock does not implement it yet (see MockFunctionList.cpp).
+    bool cryptoOperationActive = false;
+};
+
+struct Fault {
+    CK_RV rv = CKR_OK;
+    int remaining = 1;  // -1: forever
+};
+
+struct AfterCallAction {
+    std::function<void()> action;
+    int remaining = 1;  // -1: forever
+};
+
+struct State {
+    std::mutex mutex;
+    bool initialized = false;
+    LibrarySpec library;
+    std::vector<Slot> slots;
+    std::map<CK_SESSION_HANDLE, Session> sessions;
+    // Never reset, so a handle from an earlier test or initialization stays invalid.
+    CK_SESSION_HANDLE nextSessionHandle = 1;
+    CK_OBJECT_HANDLE nextObjectHandle = 1;
+
+    std::map<std::string, std::deque<Fault>> faults;
+    std::map<std::string, std::deque<AfterCallAction>> afterCallActions;
+    std::vector<Call> calls;
+    CK_FLAGS lastInitializeFlags = 0;
+    bool lastInitializeHadArgs = false;
+    int initializeCount = 0;
+    int finalizeCount = 0;
+
+    Slot* findSlot(CK_SLOT_ID id);
+    Token* findToken(CK_SLOT_ID id);  // null when no such slot or no token in it
+    Session* findSession(CK_SESSION_HANDLE handle);
+    Token& tokenOf(const Session& session);  // a session always has its token
+    size_t countSessions(CK_SLOT_ID slot, bool readWriteOnly) const;
+    void closeSession(CK_SESSION_HANDLE handle);  // logs the token out after the last one
+    void closeSessionsOf(CK_SLOT_ID slot);
+};
+
+State& state();  // the one instance of the module
+
+// Copies `text` into a PKCS#11 fixed-width field: blank-padded, never NUL-terminated.
+void padField(CK_UTF8CHAR* field, size_t width, std::string_view text);
+
+bool isLimited(CK_ULONG maximum);  // a real limit, not infinite/unavailable
+
+}  // namespace mock
