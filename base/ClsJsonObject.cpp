@@ -271,6 +271,37 @@ int ClsJsonObject::sizeOfArray(const char* path, LogBase&)
     });
 }
 
+int ClsJsonObject::SizeOfObject(const XString& path) { return sizeOfObject(path.getUtf8()); }
+
+int ClsJsonObject::sizeOfObject(const char* path)
+{
+    CritSecExitor lock(this);
+    return guarded(-1, [&] {
+        const Json* node = nodeAt(*m_doc, path);
+        return node != nullptr && node->is_object() ? static_cast<int>(node->size()) : -1;
+    });
+}
+
+bool ClsJsonObject::NameAt(const XString& path, int index, XString& name)
+{
+    StringBuffer sb;
+    const bool found = nameAt(path.getUtf8(), index, sb);
+    name.setFromUtf8(sb.view());
+    return found;
+}
+
+bool ClsJsonObject::nameAt(const char* path, int index, StringBuffer& name)
+{
+    CritSecExitor lock(this);
+    return guarded(false, [&] {
+        const Json* node = nodeAt(*m_doc, path);
+        if (node == nullptr || !node->is_object() || index < 0 || index >= static_cast<int>(node->size()))
+            return false;
+        name.append(std::next(node->begin(), index).key());
+        return true;
+    });
+}
+
 bool ClsJsonObject::StringOf(const XString& path, XString& out)
 {
     StringBuffer sb;

@@ -57,6 +57,12 @@ public:
     int jsonTypeOf(const char* path);
     bool HasMember(const XString& path);
     int SizeOfArray(const XString& path);
+    // Number of members of the object at the path (-1 when it is no object),
+    // and the name of the member at an index, in document order.
+    int SizeOfObject(const XString& path);
+    int sizeOfObject(const char* path);
+    bool NameAt(const XString& path, int index, XString& name);
+    bool nameAt(const char* path, int index, StringBuffer& name);
     int sizeOfArray(const char* path, LogBase& log);
     bool StringOf(const XString& path, XString& out);
     // The value as text: strings as they are, numbers and booleans written out.

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "ClsBase.h"
+#include "ExtPtrArray.h"
 #include "ModuleLibrary.h"
 #include "XString.h"
 
+#include <optional>
 #include <vector>
 
 namespace p11client {
@@ -69,6 +71,11 @@ public:
     bool InitPin(const XString& pin);
     // Initializes the token in slotId (all its objects are destroyed).
     bool InitToken(int slotId, const XString& soPin, const XString& label);
+    // Objects matching the JSON search template in json; the result is
+    // written into the same object (see the README for both layouts).
+    bool FindObject(ClsJsonObject& json);
+    // The private keys of the token ("rsa", "ec", or empty for all) as JSON.
+    bool FindAllKeys(const XString& keyFilter, ClsJsonObject& json);
 
     // The embedded card database.
     static bool GetCardDataJson(ClsJsonObject& json, LogBase& log);
@@ -87,6 +94,10 @@ public:
     bool login(int userType, const char* pin, LogBase& log);
     void setContextSpecificPin(const XString& pin, LogBase& log);
     bool alreadyLoggedIn(int userType, LogBase& log);
+    // Whether the token demands RSA-PSS signatures: no token this library
+    // knows does, so the answer is fixed.
+    bool cardRequiresPss(LogBase& log);
+    void clearPrivateKeyCaches();
 
     // Reporters for the Cryptoki call layer; each returns false.
     bool noFunc(const char* functionName, LogBase& log);
@@ -119,13 +130,31 @@ private:
     bool pinUsable(const PinArg& pin, LogBase& log);
     void endSessionQuietly(LogBase& log);
     void finalizeQuietly(LogBase& log);
+    void clearTokenCaches(LogBase& log);
     bool checkRv(const char* function, unsigned long rv, LogBase& log, bool quiet = false);
+
+    // Object search and the key caches.
+    bool objectSearchReady(LogBase& log);
+    bool searchObjects(std::vector<CK_ATTRIBUTE>& tmpl, std::vector<unsigned long>& handles, LogBase& log);
+    bool searchKeys(unsigned long keyType, std::vector<unsigned long>& handles, LogBase& log);
+    bool cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, LogBase& log);
+    bool cacheEcdsaPrivateKeys(bool withPoint, LogBase& log);
+    bool findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBase& log);
+    int findObject(ClsJsonObject& json, LogBase& log);
+    std::optional<unsigned long> objectClassOf(unsigned long handle, std::optional<unsigned long> known, LogBase& log);
 
     XString m_sharedLibPath;
     XString m_loadedLibPath;
     ModuleLibrary m_dlHandle; // the loaded library and its function list
     unsigned long m_hSession = 0;
     unsigned long m_slotId = 0;
+    bool m_rsaKeysCached = false;
+    bool m_rsaKeysHaveSubjectDer = false;
+    bool m_rsaKeysHaveModulus = false;
+    ExtPtrArray m_rsaKeys; // of Pkcs11_PrivateKey
+    bool m_ecKeysCached = false;
+    bool m_ecKeysHavePoint = false;
+    ExtPtrArray m_ecKeys; // of Pkcs11_PrivateKey
     bool m_initialized = false;
     bool m_certHandleIsKeyHandle = false;
     bool m_soLoggedIn = false;

@@ -74,11 +74,13 @@ void ClsPkcs11::checkSetSpecial(LogBase& log)
         log.LogInfo("Will use the certificate handle as the private key handle...");
 }
 
-// A session handle or an initialization means nothing once its library is
-// gone, so they end here with it: logged out, session closed, the module
-// finalized when this object was its last user, then dlclose.
+// A session handle, an initialization or a cached object handle means
+// nothing once its library is gone, so they end here with it: caches
+// emptied, logged out, session closed, the module finalized when this object
+// was its last user, then dlclose.
 void ClsPkcs11::unloadModule(LogBase& log)
 {
+    clearTokenCaches(log);
     endSessionQuietly(log);
     finalizeQuietly(log);
     m_dlHandle.close();

@@ -20,6 +20,12 @@ constexpr CkName kCkaNames[] = {
 };
 #undef P11_NAME
 
+#define P11_NAME(symbol) symbol,
+constexpr CK_ATTRIBUTE_TYPE kCkaTypes[] = {
+#include "CkaList.inc"
+};
+#undef P11_NAME
+
 std::string hexText(const char* prefix, unsigned long value)
 {
     char text[48];
@@ -55,5 +61,7 @@ std::string ckaName(CK_ATTRIBUTE_TYPE type)
         return hexText("CKA_VENDOR_DEFINED+", type - CKA_VENDOR_DEFINED);
     return hexText("", type);
 }
+
+std::span<const CK_ATTRIBUTE_TYPE> knownAttributeTypes() { return kCkaTypes; }
 
 } // namespace p11client

@@ -2,6 +2,7 @@
 
 #include "Cryptoki.h"
 
+#include <span>
 #include <string>
 
 namespace p11client {
@@ -12,5 +13,8 @@ std::string ckrName(CK_RV rv);
 
 // "CKA_LABEL"; unknown types as their hexadecimal value. Null-free.
 std::string ckaName(CK_ATTRIBUTE_TYPE type);
+
+// Every attribute type the CKA name table knows.
+std::span<const CK_ATTRIBUTE_TYPE> knownAttributeTypes();
 
 } // namespace p11client

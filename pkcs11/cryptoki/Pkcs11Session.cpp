@@ -82,6 +82,8 @@ bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool quiet, bool readWrite, 
         endSessionQuietly(log);
     }
     log.LogDataLong("slotId", static_cast<long>(slotId));
+    if (slotId != m_slotId)
+        clearTokenCaches(log); // they describe the token of another slot
     const CK_FLAGS flags = CKF_SERIAL_SESSION | (readWrite ? CKF_RW_SESSION : 0);
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
     if (!checkRv("C_OpenSession", f->C_OpenSession(slotId, flags, nullptr, nullptr, &session), log, quiet))
@@ -177,6 +179,9 @@ bool ClsPkcs11::C_Login(int userType, const char* pin, bool quiet, LogBase& log)
     }
     if (!checkRv("C_Login", rv, log, quiet))
         return false;
+    // Many tokens show private keys, and some certificates, only after a
+    // login: the next search must see what this one revealed.
+    clearTokenCaches(log);
     if (userType == CKU_SO)
         m_soLoggedIn = true;
     else if (userType == CKU_USER)

@@ -1,0 +1,58 @@
+#pragma once
+
+#include "Cryptoki.h"
+#include "DataBuffer.h"
+
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace p11client {
+
+class LogBase;
+
+// One attribute asked of an object, and what the token answered.
+struct AttributeValue {
+    CK_ATTRIBUTE_TYPE type = 0;
+    bool present = false; // false: absent, sensitive, unavailable or over the bound
+    DataBuffer value;
+
+    std::optional<CK_ULONG> asUlong() const;
+    std::optional<bool> asBool() const;
+};
+
+// Every attribute an object needs, read in one template. The first call goes
+// with buffers already sized for typical values, so most objects cost one
+// C_GetAttributeValue; only when the token refuses that call are the lengths
+// asked for and the values read again. A length of CK_UNAVAILABLE_INFORMATION
+// means absent, and every length is checked against a bound before anything
+// is allocated for it.
+class AttributeReader {
+public:
+    // No attribute this library reads needs more; a certificate is a few KiB.
+    static constexpr CK_ULONG kMaxAttributeLength = 128 * 1024;
+
+    explicit AttributeReader(std::span<const CK_ATTRIBUTE_TYPE> types);
+
+    // Reads the attributes of one object. False only when the module failed
+    // the call for another reason than absent or sensitive attributes.
+    bool read(CK_FUNCTION_LIST* functions, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, LogBase& log);
+    // The last call's return value, for the caller's message.
+    CK_RV lastRv() const { return m_lastRv; }
+
+    const AttributeValue* find(CK_ATTRIBUTE_TYPE type) const;
+    std::span<const AttributeValue> values() const { return m_values; }
+
+private:
+    bool readPresized(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o);
+    bool readLengthsThenValues(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, LogBase& log);
+    bool takeValues(const std::vector<CK_ATTRIBUTE>& tmpl, const std::vector<std::size_t>& slots, LogBase& log);
+
+    std::vector<AttributeValue> m_values;
+    CK_RV m_lastRv = CKR_OK;
+};
+
+// A typical length of each attribute, used to size the first read.
+CK_ULONG typicalAttributeLength(CK_ATTRIBUTE_TYPE type);
+
+} // namespace p11client

@@ -1,0 +1,155 @@
+// The object search and the private-key caches.
+#include "ClsPkcs11.h"
+
+#include "AttributeReader.h"
+#include "CkNames.h"
+#include "EcPointCanon.h"
+#include "ObjectSearch.h"
+#include "Pkcs11_PrivateKey.h"
+
+#include <memory>
+
+namespace p11client {
+
+namespace {
+
+std::int32_t signStateOf(const AttributeValue* sign)
+{
+    const std::optional<bool> may = sign != nullptr ? sign->asBool() : std::nullopt;
+    if (!may)
+        return Pkcs11_PrivateKey::kSignUnknown;
+    return *may ? Pkcs11_PrivateKey::kMaySign : Pkcs11_PrivateKey::kMayNotSign;
+}
+
+void copyIfPresent(const AttributeValue* attr, DataBuffer& to)
+{
+    if (attr != nullptr && attr->present)
+        to.append(attr->value);
+}
+
+// A key record from what the token gave; fields it did not give stay empty.
+std::unique_ptr<Pkcs11_PrivateKey> keyRecord(unsigned long handle, const AttributeReader& attrs)
+{
+    auto key = std::make_unique<Pkcs11_PrivateKey>();
+    key->m_handle = handle;
+    copyIfPresent(attrs.find(CKA_ID), key->m_id);
+    copyIfPresent(attrs.find(CKA_LABEL), key->m_extraAttr);
+    copyIfPresent(attrs.find(CKA_SUBJECT), key->m_subjectDer);
+    copyIfPresent(attrs.find(CKA_MODULUS), key->m_modulus);
+    key->m_signState = signStateOf(attrs.find(CKA_SIGN));
+    const AttributeValue* point = attrs.find(CKA_EC_POINT);
+    const AttributeValue* params = attrs.find(CKA_EC_PARAMS);
+    if (point != nullptr && point->present) {
+        const std::span<const std::uint8_t> curve =
+            params != nullptr && params->present ? params->value.bytes() : std::span<const std::uint8_t>();
+        EcPointCanon::fromTokenValue(point->value.bytes(), curve, key->m_ecPoint);
+    }
+    return key;
+}
+
+} // namespace
+
+bool ClsPkcs11::objectSearchReady(LogBase& log)
+{
+    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    if (f == nullptr)
+        return noFuncs(log);
+    if (f->C_FindObjectsInit == nullptr)
+        return noFunc("C_FindObjectsInit", log);
+    if (f->C_FindObjects == nullptr)
+        return noFunc("C_FindObjects", log);
+    if (f->C_FindObjectsFinal == nullptr)
+        return noFunc("C_FindObjectsFinal", log);
+    if (f->C_GetAttributeValue == nullptr)
+        return noFunc("C_GetAttributeValue", log);
+    if (m_hSession == 0)
+        return noSession(log);
+    return true;
+}
+
+bool ClsPkcs11::searchObjects(std::vector<CK_ATTRIBUTE>& tmpl, std::vector<unsigned long>& handles, LogBase& log)
+{
+    if (!objectSearchReady(log))
+        return false;
+    ObjectSearch search(m_dlHandle.functions(), m_hSession);
+    return search.findAll(tmpl, handles, log);
+}
+
+bool ClsPkcs11::searchKeys(unsigned long keyType, std::vector<unsigned long>& handles, LogBase& log)
+{
+    CK_OBJECT_CLASS keyClass = CKO_PRIVATE_KEY;
+    CK_KEY_TYPE type = keyType;
+    std::vector<CK_ATTRIBUTE> tmpl{{CKA_CLASS, &keyClass, sizeof keyClass}, {CKA_KEY_TYPE, &type, sizeof type}};
+    return searchObjects(tmpl, handles, log);
+}
+
+// forceRefill reads the token again even when the cache is filled;
+// withPublicMaterial also reads each key's subject and modulus, which the
+// pairing by subject or modulus compares.
+bool ClsPkcs11::cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, LogBase& log)
+{
+    LogContextExitor ctx(log, "cacheRsaPrivateKeys");
+    const bool haveMaterial = m_rsaKeysHaveSubjectDer && m_rsaKeysHaveModulus;
+    if (m_rsaKeysCached && !forceRefill && (!withPublicMaterial || haveMaterial))
+        return true;
+    std::vector<unsigned long> handles;
+    if (!searchKeys(CKK_RSA, handles, log))
+        return false;
+    std::vector<CK_ATTRIBUTE_TYPE> types{CKA_ID, CKA_SIGN, CKA_LABEL};
+    if (withPublicMaterial)
+        types.insert(types.end(), {CKA_SUBJECT, CKA_MODULUS});
+    AttributeReader reader(types);
+    m_rsaKeys.removeAllObjects();
+    for (unsigned long handle : handles) {
+        if (reader.read(m_dlHandle.functions(), m_hSession, handle, log))
+            m_rsaKeys.appendObject(keyRecord(handle, reader));
+        else
+            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
+    }
+    m_rsaKeysCached = true;
+    m_rsaKeysHaveSubjectDer = withPublicMaterial;
+    m_rsaKeysHaveModulus = withPublicMaterial;
+    return true;
+}
+
+// withPoint also reads each key's EC point (and curve, to decode it).
+bool ClsPkcs11::cacheEcdsaPrivateKeys(bool withPoint, LogBase& log)
+{
+    LogContextExitor ctx(log, "cacheEcdsaPrivateKeys");
+    if (m_ecKeysCached && (!withPoint || m_ecKeysHavePoint))
+        return true;
+    std::vector<unsigned long> handles;
+    if (!searchKeys(CKK_EC, handles, log))
+        return false;
+    std::vector<CK_ATTRIBUTE_TYPE> types{CKA_ID, CKA_SIGN, CKA_LABEL};
+    if (withPoint)
+        types.insert(types.end(), {CKA_EC_POINT, CKA_EC_PARAMS});
+    AttributeReader reader(types);
+    m_ecKeys.removeAllObjects();
+    for (unsigned long handle : handles) {
+        if (reader.read(m_dlHandle.functions(), m_hSession, handle, log))
+            m_ecKeys.appendObject(keyRecord(handle, reader));
+        else
+            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
+    }
+    m_ecKeysCached = true;
+    m_ecKeysHavePoint = withPoint;
+    return true;
+}
+
+void ClsPkcs11::clearPrivateKeyCaches()
+{
+    m_rsaKeys.removeAllObjects();
+    m_rsaKeysCached = false;
+    m_ecKeys.removeAllObjects();
+    m_ecKeysCached = false;
+}
+
+void ClsPkcs11::clearTokenCaches(LogBase&)
+{
+    clearPrivateKeyCaches();
+}
+
+bool ClsPkcs11::cardRequiresPss(LogBase&) { return false; }
+
+} // namespace p11client
