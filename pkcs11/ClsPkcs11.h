@@ -3,14 +3,21 @@
 #include "ClsBase.h"
 #include "ExtPtrArray.h"
 #include "ModuleLibrary.h"
+#include "SystemCertsHolder.h"
 #include "XString.h"
 
+#include <memory>
 #include <optional>
 #include <vector>
 
 namespace p11client {
 
+class Certificate;
+class ClsCert;
 class ClsJsonObject;
+class DataBuffer;
+class Pkcs11_PrivateKey;
+struct _smartcardCertSpec;
 class ExtPtrArraySb;
 class StringBuffer;
 struct PinArg;
@@ -23,7 +30,7 @@ struct PinArg;
 // false with the reason in the log (LogText) instead of throwing. User types
 // are the Cryptoki values: 0 security officer, 1 normal user, 2
 // context-specific.
-class ClsPkcs11 : public ClsBase {
+class ClsPkcs11 : public ClsBase, public SystemCertsHolder {
 public:
     static constexpr int kUserTypeSecurityOfficer = 0;
     static constexpr int kUserTypeUser = 1;
@@ -71,6 +78,16 @@ public:
     bool InitPin(const XString& pin);
     // Initializes the token in slotId (all its objects are destroyed).
     bool InitToken(int slotId, const XString& soPin, const XString& label);
+    // Reads the token's X.509 certificates into the certificate cache.
+    bool FindAllCerts();
+    // Number of certificates in the cache (0 until it is filled).
+    int get_NumCerts();
+    // The certificate at a position of the cache.
+    bool GetCert(int index, ClsCert& cert);
+    // The certificate whose part (subjectDN, serial, thumbprint, CN, ...) has
+    // the value; with the part "privateKey", the one whose private key is on
+    // the token, linked to the session so that it signs there.
+    bool FindCert(const XString& certPart, const XString& value, ClsCert& cert);
     // Objects matching the JSON search template in json; the result is
     // written into the same object (see the README for both layouts).
     bool FindObject(ClsJsonObject& json);
@@ -98,6 +115,17 @@ public:
     // knows does, so the answer is fixed.
     bool cardRequiresPss(LogBase& log);
     void clearPrivateKeyCaches();
+    void clearCertCache(LogBase& log);
+    bool findPkcs11Cert(_smartcardCertSpec& spec, ClsCert& cert, LogBase& log);
+    // The handle of the certificate's private key on the token (0 if none),
+    // with the certificate's key type and the signature size in bytes.
+    unsigned long findPrivKeyHandle(Certificate& cert, bool minimalFirstPass, int& certKeyType,
+                                    int& expectedSignatureSize, LogBase& log);
+    unsigned long findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log);
+    unsigned long findRsaKeyBySubjectDER(Certificate& cert, bool requireSign, LogBase& log);
+    unsigned long findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log);
+    // Links the certificate to the session with its private key's handle.
+    bool linkCertToPkcs11Session(Certificate* cert, bool minimalFirstPass, LogBase& log);
 
     // Reporters for the Cryptoki call layer; each returns false.
     bool noFunc(const char* functionName, LogBase& log);
@@ -140,6 +168,20 @@ private:
     bool cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, LogBase& log);
     bool cacheEcdsaPrivateKeys(bool withPoint, LogBase& log);
     bool findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBase& log);
+    bool findAllCerts(LogBase& log);
+
+    // Pairing and selection.
+    struct ScanTexts {
+        const char* found;
+        const char* rejected;
+    };
+    enum class KeyRuleOutcome { Choose, Defer, Skip };
+    unsigned long scanRsaKeys(DataBuffer Pkcs11_PrivateKey::*field, const DataBuffer& wanted,
+                              const DataBuffer* alsoWanted, bool requireSign, const ScanTexts& texts, LogBase& log);
+    unsigned long findRsaKeyHandle(Certificate& cert, bool minimalFirstPass, LogBase& log);
+    unsigned long findEcKeyHandle(Certificate& cert, bool minimalFirstPass, LogBase& log);
+    KeyRuleOutcome applyPrivateKeyRule(Certificate& cert, bool haveCandidate, LogBase& log);
+    bool commitCert(const std::shared_ptr<Certificate>& chosen, ClsCert& cert, LogBase& log);
     int findObject(ClsJsonObject& json, LogBase& log);
     std::optional<unsigned long> objectClassOf(unsigned long handle, std::optional<unsigned long> known, LogBase& log);
 
@@ -148,6 +190,8 @@ private:
     ModuleLibrary m_dlHandle; // the loaded library and its function list
     unsigned long m_hSession = 0;
     unsigned long m_slotId = 0;
+    ExtPtrArray m_certs; // of CertificateHolder, in token order
+    bool m_certsCached = false;
     bool m_rsaKeysCached = false;
     bool m_rsaKeysHaveSubjectDer = false;
     bool m_rsaKeysHaveModulus = false;

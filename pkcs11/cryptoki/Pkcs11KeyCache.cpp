@@ -145,8 +145,10 @@ void ClsPkcs11::clearPrivateKeyCaches()
     m_ecKeysCached = false;
 }
 
-void ClsPkcs11::clearTokenCaches(LogBase&)
+void ClsPkcs11::clearTokenCaches(LogBase& log)
 {
+    if (m_certs.getSize() != 0 || m_certsCached)
+        clearCertCache(log);
     clearPrivateKeyCaches();
 }
 
