@@ -3,6 +3,7 @@
 #include "LogBase.h"
 #include "ZelvanCritSec.h"
 
+#include <new>
 #include <vector>
 
 namespace p11client {
@@ -35,16 +36,19 @@ public:
 template <class Body>
 bool runGuarded(LogBase& log, Body&& body) noexcept
 {
+    const char* message = "Internal error: the operation was abandoned.";
     try {
         return body();
+    } catch (const std::bad_alloc&) {
+        message = "Out of memory.";
     } catch (...) {
-        try {
-            log.LogError("Internal error: the operation was abandoned.");
-        } catch (...) {
-            // Not even the log can grow: the false result must speak alone.
-        }
-        return false;
     }
+    try {
+        log.LogError(message);
+    } catch (...) {
+        // Not even the log can grow: the false result must speak alone.
+    }
+    return false;
 }
 
 // Owns a public object for a scope and deletes it (null is allowed).

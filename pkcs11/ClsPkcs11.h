@@ -182,6 +182,8 @@ private:
     unsigned long findEcKeyHandle(Certificate& cert, bool minimalFirstPass, LogBase& log);
     KeyRuleOutcome applyPrivateKeyRule(Certificate& cert, bool haveCandidate, LogBase& log);
     bool commitCert(const std::shared_ptr<Certificate>& chosen, ClsCert& cert, LogBase& log);
+    void rememberLink(Certificate& cert);
+    void unlinkRememberedCerts();
     int findObject(ClsJsonObject& json, LogBase& log);
     std::optional<unsigned long> objectClassOf(unsigned long handle, std::optional<unsigned long> known, LogBase& log);
 
@@ -192,6 +194,7 @@ private:
     unsigned long m_slotId = 0;
     ExtPtrArray m_certs; // of CertificateHolder, in token order
     bool m_certsCached = false;
+    std::vector<std::weak_ptr<Certificate>> m_linkedCerts; // every certificate this object linked
     bool m_rsaKeysCached = false;
     bool m_rsaKeysHaveSubjectDer = false;
     bool m_rsaKeysHaveModulus = false;

@@ -3,6 +3,9 @@
 
 #include "Certificate.h"
 
+#include <memory>
+#include <vector>
+
 namespace p11client {
 
 bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool minimalFirstPass, LogBase& log)
@@ -20,7 +23,28 @@ bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool minimalFirstPass
         return false;
     }
     cert->linkToPkcs11Session(this, certKeyType, expectedSignatureSize, handle, log);
+    rememberLink(*cert);
     return true;
+}
+
+// A linked certificate points at this object; the ones held outside the
+// cache are remembered so that none outlives the object still pointing here.
+void ClsPkcs11::rememberLink(Certificate& cert)
+{
+    std::erase_if(m_linkedCerts, [](const std::weak_ptr<Certificate>& w) { return w.expired(); });
+    std::weak_ptr<Certificate> weak = cert.weak_from_this();
+    if (!weak.expired())
+        m_linkedCerts.push_back(std::move(weak));
+}
+
+void ClsPkcs11::unlinkRememberedCerts()
+{
+    for (const std::weak_ptr<Certificate>& weak : m_linkedCerts) {
+        const std::shared_ptr<Certificate> cert = weak.lock();
+        if (cert && cert->getLinkedPkcs11() == this)
+            cert->unlinkFromPkcs11Session();
+    }
+    m_linkedCerts.clear();
 }
 
 } // namespace p11client

@@ -81,6 +81,7 @@ void ClsPkcs11::checkSetSpecial(LogBase& log)
 void ClsPkcs11::unloadModule(LogBase& log)
 {
     clearTokenCaches(log);
+    unlinkRememberedCerts();
     endSessionQuietly(log);
     finalizeQuietly(log);
     m_dlHandle.close();

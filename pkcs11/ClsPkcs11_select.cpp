@@ -135,6 +135,7 @@ ClsPkcs11::KeyRuleOutcome ClsPkcs11::applyPrivateKeyRule(Certificate& cert, bool
         if (handle != 0) {
             log.LogDataLong("expectedSignatureSize", expectedSignatureSize);
             cert.linkToPkcs11Session(this, certKeyType, expectedSignatureSize, handle, log);
+            rememberLink(cert);
             log.LogDataBool("hasPrivateKey", cert.hasPrivateKey(false, log));
         }
     }

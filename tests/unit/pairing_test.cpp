@@ -291,3 +291,21 @@ TEST_F(PairingTest, SpecialDriverUsesTheCertificateHandleAsTheKeyHandle)
     EXPECT_EQ(mock::callCount("C_FindObjectsInit"), 1) << "only the certificate search";
     std::filesystem::remove_all(dir);
 }
+
+TEST_F(PairingTest, CertificatesLinkedFromOutsideTheCacheAreUnlinkedWhenTheObjectGoes)
+{
+    const TestKey key = makeRsaKey(2048);
+    const auto der = makeCertDer(specFor(key, "outside"));
+    addMockCert(kSlot, der, {5});
+    addMockPrivateKey(kSlot, key, MockKeyOptions().withId({5}));
+    ClsCert outside;
+    ASSERT_TRUE(outside.LoadFromDer(DataBuffer(der.data(), der.size())));
+    const std::shared_ptr<Certificate> cert = outside.getCertificate();
+    cert->setCkaId(std::vector<std::uint8_t>{5});
+
+    ASSERT_TRUE(p11->linkCertToPkcs11Session(cert.get(), false, p11->m_log));
+    EXPECT_EQ(cert->getLinkedPkcs11(), p11.get());
+    p11.reset();
+    EXPECT_EQ(cert->getLinkedPkcs11(), nullptr) << "no certificate keeps pointing at a destroyed object";
+    EXPECT_FALSE(outside.HasPrivateKey());
+}
