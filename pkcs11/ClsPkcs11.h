@@ -6,6 +6,7 @@
 #include "SystemCertsHolder.h"
 #include "XString.h"
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -17,6 +18,7 @@ class ClsCert;
 class ClsJsonObject;
 class DataBuffer;
 class Pkcs11_PrivateKey;
+struct HashAlgorithm;
 struct _smartcardCertSpec;
 class ExtPtrArraySb;
 class StringBuffer;
@@ -88,6 +90,19 @@ public:
     // the value; with the part "privateKey", the one whose private key is on
     // the token, linked to the session so that it signs there.
     bool FindCert(const XString& certPart, const XString& value, ClsCert& cert);
+    // RSA signatures with PSS (MGF1 with the same hash, salt of the hash's
+    // length) instead of PKCS#1 v1.5.
+    bool get_UsePss();
+    void put_UsePss(bool usePss);
+    // Signs a digest on the token with the private key of a certificate
+    // linked to this object's session (FindCert("privateKey", ...) links
+    // one). hashAlg: "sha1", "sha256", "sha384" or "sha512". ECDSA signatures
+    // come as the token gives them: r||s, each half the curve's size.
+    bool SignHash(ClsCert& cert, const XString& hashAlg, const DataBuffer& digest, DataBuffer& signature);
+    // The same over data, hashed with OpenSSL first.
+    bool SignData(ClsCert& cert, const XString& hashAlg, const DataBuffer& data, DataBuffer& signature);
+    // An ECDSA signature r||s as the DER ECDSA-Sig-Value standard verifiers take.
+    static bool EcdsaSignatureToDer(const DataBuffer& rawRs, DataBuffer& der);
     // Objects matching the JSON search template in json; the result is
     // written into the same object (see the README for both layouts).
     bool FindObject(ClsJsonObject& json);
@@ -154,6 +169,8 @@ private:
     bool C_SetPIN(const char* oldPin, const char* newPin, LogBase& log);
     bool C_InitPIN(const char* pin, LogBase& log);
     bool C_InitToken(unsigned long slotId, const char* soPin, const char* label, LogBase& log);
+    bool C_SignInit(CK_MECHANISM& mechanism, unsigned long hKey, LogBase& log);
+    bool C_Sign(const DataBuffer& data, std::size_t expectedSize, DataBuffer& signature, LogBase& log);
     void refreshLoginState(LogBase& log);
     bool pinUsable(const PinArg& pin, LogBase& log);
     void endSessionQuietly(LogBase& log);
@@ -183,6 +200,13 @@ private:
     KeyRuleOutcome applyPrivateKeyRule(Certificate& cert, bool haveCandidate, LogBase& log);
     bool commitCert(const std::shared_ptr<Certificate>& chosen, ClsCert& cert, LogBase& log);
     void rememberLink(Certificate& cert);
+
+    // Signing.
+    bool signDigest(Certificate* cert, const HashAlgorithm& alg, const DataBuffer& digest, DataBuffer& signature,
+                    LogBase& log);
+    bool signOnToken(CK_MECHANISM& mechanism, unsigned long hKey, const DataBuffer& input, std::size_t expectedSize,
+                     DataBuffer& signature, LogBase& log);
+    bool keyNeedsContextLogin(unsigned long hKey, LogBase& log);
     void unlinkRememberedCerts();
     int findObject(ClsJsonObject& json, LogBase& log);
     std::optional<unsigned long> objectClassOf(unsigned long handle, std::optional<unsigned long> known, LogBase& log);
@@ -202,6 +226,8 @@ private:
     bool m_ecKeysCached = false;
     bool m_ecKeysHavePoint = false;
     ExtPtrArray m_ecKeys; // of Pkcs11_PrivateKey
+    std::map<unsigned long, bool> m_alwaysAuthenticate; // key handle -> CKA_ALWAYS_AUTHENTICATE
+    bool m_usePss = false;
     bool m_initialized = false;
     bool m_certHandleIsKeyHandle = false;
     bool m_soLoggedIn = false;

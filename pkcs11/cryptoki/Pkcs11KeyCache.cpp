@@ -143,6 +143,7 @@ void ClsPkcs11::clearPrivateKeyCaches()
     m_rsaKeysCached = false;
     m_ecKeys.removeAllObjects();
     m_ecKeysCached = false;
+    m_alwaysAuthenticate.clear();
 }
 
 void ClsPkcs11::clearTokenCaches(LogBase& log)

@@ -180,8 +180,10 @@ bool ClsPkcs11::C_Login(int userType, const char* pin, bool quiet, LogBase& log)
     if (!checkRv("C_Login", rv, log, quiet))
         return false;
     // Many tokens show private keys, and some certificates, only after a
-    // login: the next search must see what this one revealed.
-    clearTokenCaches(log);
+    // login: the next search must see what this one revealed. A
+    // context-specific login reveals nothing; it authorizes one signature.
+    if (userType != CKU_CONTEXT_SPECIFIC)
+        clearTokenCaches(log);
     if (userType == CKU_SO)
         m_soLoggedIn = true;
     else if (userType == CKU_USER)

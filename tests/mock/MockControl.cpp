@@ -46,6 +46,7 @@ void reset() {
     s.lastInitializeHadArgs = false;
     s.initializeCount = 0;
     s.finalizeCount = 0;
+    s.lastSignature.reset();
 }
 
 std::string modulePath() {
@@ -202,6 +203,11 @@ size_t activeFindOperations() {
     const auto& sessions = state().sessions;
     return static_cast<size_t>(
         std::count_if(sessions.begin(), sessions.end(), [](const auto& entry) { return entry.second.find.has_value(); }));
+}
+
+std::optional<SignRecord> lastSignature() {
+    Lock lock(state().mutex);
+    return state().lastSignature;
 }
 
 }  // namespace mock

@@ -94,6 +94,17 @@ struct Call {
 
 using Attribute = std::pair<CK_ATTRIBUTE_TYPE, std::vector<uint8_t>>;
 
+// What the last completed C_Sign was asked to sign. The mock's "signature" is
+// not a real one: it proves what the library sent, not the cryptography
+// (the SoftHSM2 tests prove that).
+struct SignRecord {
+    CK_OBJECT_HANDLE key = 0;
+    CK_MECHANISM_TYPE mechanism = 0;
+    std::optional<CK_RSA_PKCS_PSS_PARAMS> pss;  // for CKM_RSA_PKCS_PSS
+    std::vector<uint8_t> input;
+    bool contextLoggedIn = false;  // a CKU_CONTEXT_SPECIFIC login preceded it
+};
+
 // --- module lifetime -------------------------------------------------------
 // Back to nothing: not initialized, library info at its defaults, no slots,
 // objects, sessions, faults or afterCall actions, call record and counters emptied.
@@ -145,6 +156,11 @@ MOCK_API std::string userPin(CK_SLOT_ID slot);     // test side only: checks C_S
 MOCK_API std::string soPin(CK_SLOT_ID slot);
 MOCK_API CK_FLAGS tokenFlags(CK_SLOT_ID slot);
 MOCK_API size_t activeFindOperations();
+// The last C_Sign that produced a signature; nullopt when none since reset().
+// Signatures are as long as the key's (RSA modulus, EC 2 x field size);
+// a key with CKA_ALWAYS_AUTHENTICATE = CK_TRUE insists on a context-specific
+// login between C_SignInit and C_Sign.
+MOCK_API std::optional<SignRecord> lastSignature();
 
 // --- attribute builders ------------------------------------------------------
 inline Attribute ulongAttr(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {

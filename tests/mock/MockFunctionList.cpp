@@ -74,10 +74,8 @@ CK_FUNCTION_LIST makeFunctionList() {
     list.C_DigestUpdate = Unsupported<"C_DigestUpdate", CK_C_DigestUpdate>::call;
     list.C_DigestKey = Unsupported<"C_DigestKey", CK_C_DigestKey>::call;
     list.C_DigestFinal = Unsupported<"C_DigestFinal", CK_C_DigestFinal>::call;
-    // Signing: give C_SignInit/C_Sign their own file (setting Session::cryptoOperationActive,
-    // which CKU_CONTEXT_SPECIFIC login checks) and point these two at it.
-    list.C_SignInit = Unsupported<"C_SignInit", CK_C_SignInit>::call;
-    list.C_Sign = Unsupported<"C_Sign", CK_C_Sign>::call;
+    list.C_SignInit = C_SignInit;
+    list.C_Sign = C_Sign;
     list.C_SignUpdate = Unsupported<"C_SignUpdate", CK_C_SignUpdate>::call;
     list.C_SignFinal = Unsupported<"C_SignFinal", CK_C_SignFinal>::call;
     list.C_SignRecoverInit = Unsupported<"C_SignRecoverInit", CK_C_SignRecoverInit>::call;

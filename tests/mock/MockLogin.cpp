@@ -23,10 +23,12 @@ CK_RV checkPin(const Token& token, const std::string& expected, CK_UTF8CHAR_PTR 
     return pinMatches(expected, pPin, ulPinLen) ? CKR_OK : CKR_PIN_INCORRECT;
 }
 
-CK_RV contextLogin(State& s, const Session& session, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen) {
+CK_RV contextLogin(State& s, Session& session, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen) {
     if (!session.cryptoOperationActive) return CKR_OPERATION_NOT_INITIALIZED;
     const Token& token = s.tokenOf(session);
-    return checkPin(token, token.spec.userPin, pPin, ulPinLen);
+    const CK_RV rv = checkPin(token, token.spec.userPin, pPin, ulPinLen);
+    if (rv == CKR_OK && session.sign) session.sign->contextLoggedIn = true;
+    return rv;
 }
 
 CK_RV soOrUserLogin(State& s, const Session& session, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin,
@@ -46,7 +48,7 @@ CK_RV soOrUserLogin(State& s, const Session& session, CK_USER_TYPE userType, CK_
 
 CK_RV login(State& s, CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin,
             CK_ULONG ulPinLen) {
-    const Session* session = s.findSession(hSession);
+    Session* session = s.findSession(hSession);
     if (session == nullptr) return CKR_SESSION_HANDLE_INVALID;
     if (userType == CKU_CONTEXT_SPECIFIC) return contextLogin(s, *session, pPin, ulPinLen);
     if (userType != CKU_SO && userType != CKU_USER) return CKR_USER_TYPE_INVALID;

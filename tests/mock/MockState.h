@@ -41,14 +41,21 @@ struct FindOperation {
     size_t next = 0;
 };
 
+struct SignOperation {
+    SignRecord record;
+    size_t signatureLength = 0;
+    bool needsContextLogin = false;  // the key has CKA_ALWAYS_AUTHENTICATE
+    bool contextLoggedIn = false;
+};
+
 struct Session {
     CK_SESSION_HANDLE handle = 0;
     CK_SLOT_ID slot = 0;
     bool readWrite = false;
     std::optional<FindOperation> find{};
-    // Set by an operation that may need CKU_CONTEXT_SPECIFIC login. Only signing
-    // would do so; the mock does not implement it yet (see MockFunctionList.cpp).
+    // An operation that a CKU_CONTEXT_SPECIFIC login may authorize: signing.
     bool cryptoOperationActive = false;
+    std::optional<SignOperation> sign{};
 };
 
 struct Fault {
@@ -78,6 +85,7 @@ struct State {
     bool lastInitializeHadArgs = false;
     int initializeCount = 0;
     int finalizeCount = 0;
+    std::optional<SignRecord> lastSignature;
 
     Slot* findSlot(CK_SLOT_ID id);
     Token* findToken(CK_SLOT_ID id);  // null when no such slot or no token in it

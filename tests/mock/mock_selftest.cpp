@@ -62,10 +62,10 @@ TEST_F(MockModule, FunctionListIsCompleteAndUnimplementedCallsSayNotSupported) {
     auto* slots = reinterpret_cast<void**>(&p11->C_Initialize);
     size_t count = (sizeof(CK_FUNCTION_LIST) - offsetof(CK_FUNCTION_LIST, C_Initialize)) / sizeof(void*);
     for (size_t i = 0; i < count; ++i) EXPECT_NE(slots[i], nullptr) << "entry " << i;
-    EXPECT_EQ(p11->C_SignInit(1, nullptr, 0), CKR_CRYPTOKI_NOT_INITIALIZED);
+    EXPECT_EQ(p11->C_EncryptInit(1, nullptr, 0), CKR_CRYPTOKI_NOT_INITIALIZED);
     ASSERT_EQ(p11->C_Initialize(nullptr), CKR_OK);
-    EXPECT_EQ(p11->C_SignInit(1, nullptr, 0), CKR_FUNCTION_NOT_SUPPORTED);
-    EXPECT_EQ(mock::callCount("C_SignInit"), 2);
+    EXPECT_EQ(p11->C_EncryptInit(1, nullptr, 0), CKR_FUNCTION_NOT_SUPPORTED);
+    EXPECT_EQ(mock::callCount("C_EncryptInit"), 2);
 }
 
 TEST_F(MockModule, BrokenVariantsLoadButOfferNoList) {

@@ -1,0 +1,163 @@
+// Signing on the token with the private key of a linked certificate.
+#include "ClsPkcs11.h"
+
+#include "Certificate.h"
+#include "ClsCert.h"
+#include "DataBuffer.h"
+#include "HashAlgorithm.h"
+
+#include <openssl/bn.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+
+#include <memory>
+
+namespace p11client {
+
+namespace {
+
+std::optional<HashAlgorithm> hashNamed(const XString& name, LogBase& log)
+{
+    std::optional<HashAlgorithm> alg = HashAlgorithm::byName(name.getUtf8Sb().view());
+    if (!alg) {
+        log.LogError("Unsupported hash algorithm: use sha1, sha256, sha384 or sha512.");
+        log.LogDataX("hashAlg", name);
+    }
+    return alg;
+}
+
+bool hashData(const HashAlgorithm& alg, const DataBuffer& data, DataBuffer& digest)
+{
+    unsigned int size = 0;
+    digest.resize(EVP_MAX_MD_SIZE);
+    const EVP_MD* md = EVP_get_digestbyname(alg.opensslName);
+    if (md == nullptr || EVP_Digest(data.getData(), data.getSize(), digest.getData(), &size, md, nullptr) != 1)
+        return false;
+    digest.shorten(size);
+    return true;
+}
+
+} // namespace
+
+bool ClsPkcs11::get_UsePss()
+{
+    CritSecExitor lock(this);
+    return m_usePss;
+}
+
+void ClsPkcs11::put_UsePss(bool usePss)
+{
+    CritSecExitor lock(this);
+    m_usePss = usePss;
+}
+
+bool ClsPkcs11::SignHash(ClsCert& cert, const XString& hashAlg, const DataBuffer& digest, DataBuffer& signature)
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(*this, "SignHash");
+    const bool ok = runGuarded(m_log, [&] {
+        const std::optional<HashAlgorithm> alg = hashNamed(hashAlg, m_log);
+        const std::shared_ptr<Certificate> certificate = cert.getCertificate();
+        return alg && signDigest(certificate.get(), *alg, digest, signature, m_log);
+    });
+    logSuccessFailure(ok);
+    return ok;
+}
+
+bool ClsPkcs11::SignData(ClsCert& cert, const XString& hashAlg, const DataBuffer& data, DataBuffer& signature)
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(*this, "SignData");
+    const bool ok = runGuarded(m_log, [&] {
+        const std::optional<HashAlgorithm> alg = hashNamed(hashAlg, m_log);
+        if (!alg)
+            return false;
+        DataBuffer digest;
+        if (!hashData(*alg, data, digest)) {
+            m_log.LogError("Failed to hash the data.");
+            return false;
+        }
+        const std::shared_ptr<Certificate> certificate = cert.getCertificate();
+        return signDigest(certificate.get(), *alg, digest, signature, m_log);
+    });
+    logSuccessFailure(ok);
+    return ok;
+}
+
+// The mechanism and the bytes to sign for a digest: a DigestInfo for
+// PKCS#1 v1.5 (the token pads it), the bare digest for PSS and ECDSA.
+bool ClsPkcs11::signDigest(Certificate* cert, const HashAlgorithm& alg, const DataBuffer& digest,
+                           DataBuffer& signature, LogBase& log)
+{
+    LogContextExitor ctx(log, "signDigest");
+    if (cert == nullptr || cert->getLinkedPkcs11() != this || cert->getLinkedKeyHandle() == 0) {
+        log.LogError("The certificate is not linked to this PKCS11 session with a private key.");
+        return false;
+    }
+    if (digest.getSize() != alg.digestSize) {
+        log.LogError("The digest length does not match the hash algorithm.");
+        log.LogDataLong("digestLength", static_cast<long>(digest.getSize()));
+        return false;
+    }
+    const int keyType = cert->getLinkedKeyType();
+    const bool pss = keyType == Certificate::kKeyTypeRsa && (m_usePss || cardRequiresPss(log));
+    CK_RSA_PKCS_PSS_PARAMS pssParams{alg.pssHash, alg.mgf, alg.digestSize};
+    CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};
+    DataBuffer input;
+    if (keyType == Certificate::kKeyTypeRsa && !pss) {
+        mechanism.mechanism = CKM_RSA_PKCS;
+        input.append(alg.digestInfoPrefix.data(), alg.digestInfoPrefix.size());
+    } else if (pss) {
+        mechanism = CK_MECHANISM{CKM_RSA_PKCS_PSS, &pssParams, sizeof pssParams};
+    } else if (keyType != Certificate::kKeyTypeEcdsa) {
+        log.LogError("Only EC and RSA keys are supported on PKCS11.");
+        return false;
+    }
+    input.append(digest);
+    return signOnToken(mechanism, cert->getLinkedKeyHandle(), input,
+                       static_cast<std::size_t>(cert->getExpectedSignatureSize()), signature, log);
+}
+
+// C_SignInit, the context-specific login a key may demand right after it,
+// and C_Sign.
+bool ClsPkcs11::signOnToken(CK_MECHANISM& mechanism, unsigned long hKey, const DataBuffer& input,
+                            std::size_t expectedSize, DataBuffer& signature, LogBase& log)
+{
+    const bool contextLogin = keyNeedsContextLogin(hKey, log);
+    if (contextLogin && m_sigContextPin.isEmpty()) {
+        log.LogError("The key needs the PIN at each signature: set SigContextPin or call Login with user type 2.");
+        return false;
+    }
+    if (!C_SignInit(mechanism, hKey, log))
+        return false;
+    if (contextLogin && !C_Login(kUserTypeContextSpecific, m_sigContextPin.getUtf8(), false, log)) {
+        log.LogError("The context-specific login failed.");
+        DataBuffer discarded;
+        C_Sign(input, expectedSize, discarded, log); // ends the operation the token holds
+        return false;
+    }
+    return C_Sign(input, expectedSize, signature, log);
+}
+
+bool ClsPkcs11::EcdsaSignatureToDer(const DataBuffer& rawRs, DataBuffer& der)
+{
+    const std::size_t half = rawRs.getSize() / 2;
+    if (half == 0 || rawRs.getSize() % 2 != 0)
+        return false;
+    std::unique_ptr<ECDSA_SIG, decltype(&ECDSA_SIG_free)> sig(ECDSA_SIG_new(), ECDSA_SIG_free);
+    BIGNUM* r = BN_bin2bn(rawRs.getData(), static_cast<int>(half), nullptr);
+    BIGNUM* s = BN_bin2bn(rawRs.getData() + half, static_cast<int>(half), nullptr);
+    if (!sig || r == nullptr || s == nullptr || ECDSA_SIG_set0(sig.get(), r, s) != 1) {
+        BN_free(r);
+        BN_free(s);
+        return false;
+    }
+    const int size = i2d_ECDSA_SIG(sig.get(), nullptr);
+    if (size <= 0)
+        return false;
+    der.resize(static_cast<std::size_t>(size));
+    unsigned char* out = der.getData();
+    return i2d_ECDSA_SIG(sig.get(), &out) == size;
+}
+
+} // namespace p11client
