@@ -177,11 +177,29 @@ private:
     void finalizeQuietly(LogBase& log);
     void clearTokenCaches(LogBase& log);
     bool checkRv(const char* function, unsigned long rv, LogBase& log, bool quiet = false);
+    // The function list when it has the entry point (and a session is open,
+    // where one is needed); null, with the reason logged, otherwise.
+    template <class Fn>
+    CK_FUNCTION_LIST* functionsWith(Fn CK_FUNCTION_LIST::*entry, const char* name, bool needsSession, LogBase& log)
+    {
+        CK_FUNCTION_LIST* f = m_dlHandle.functions();
+        if (f == nullptr)
+            noFuncs(log);
+        else if (f->*entry == nullptr)
+            noFunc(name, log);
+        else if (needsSession && m_hSession == 0)
+            noSession(log);
+        else
+            return f;
+        return nullptr;
+    }
 
     // Object search and the key caches.
     bool objectSearchReady(LogBase& log);
     bool searchObjects(std::vector<CK_ATTRIBUTE>& tmpl, std::vector<unsigned long>& handles, LogBase& log);
     bool searchKeys(unsigned long keyType, std::vector<unsigned long>& handles, LogBase& log);
+    bool fillKeyCache(unsigned long keyType, const std::vector<CK_ATTRIBUTE_TYPE>& types, ExtPtrArray& cache,
+                      LogBase& log);
     bool cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, LogBase& log);
     bool cacheEcdsaPrivateKeys(bool withPoint, LogBase& log);
     bool findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBase& log);

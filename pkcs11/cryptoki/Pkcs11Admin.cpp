@@ -16,13 +16,9 @@ constexpr std::size_t kTokenLabelSize = 32;
 
 bool ClsPkcs11::C_SetPIN(const char* oldPin, const char* newPin, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_SetPIN, "C_SetPIN", true, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_SetPIN == nullptr)
-        return noFunc("C_SetPIN", log);
-    if (m_hSession == 0)
-        return noSession(log);
+        return false;
     const PinArg oldArg(oldPin);
     const PinArg newArg(newPin);
     if (!pinUsable(oldArg, log) || !pinUsable(newArg, log))
@@ -32,13 +28,9 @@ bool ClsPkcs11::C_SetPIN(const char* oldPin, const char* newPin, LogBase& log)
 
 bool ClsPkcs11::C_InitPIN(const char* pin, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_InitPIN, "C_InitPIN", true, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_InitPIN == nullptr)
-        return noFunc("C_InitPIN", log);
-    if (m_hSession == 0)
-        return noSession(log);
+        return false;
     const PinArg arg(pin);
     if (!pinUsable(arg, log))
         return false;
@@ -47,11 +39,9 @@ bool ClsPkcs11::C_InitPIN(const char* pin, LogBase& log)
 
 bool ClsPkcs11::C_InitToken(unsigned long slotId, const char* soPin, const char* label, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_InitToken, "C_InitToken", false, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_InitToken == nullptr)
-        return noFunc("C_InitToken", log);
+        return false;
     log.LogDataLong("slotId", static_cast<long>(slotId));
     const std::size_t labelSize = label != nullptr ? std::strlen(label) : 0;
     if (labelSize > kTokenLabelSize) {

@@ -44,11 +44,9 @@ std::string slotPath(int index) { return "slots[" + std::to_string(index) + "]";
 
 bool ClsPkcs11::getCryptokiInfo(ClsJsonObject& json, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetInfo, "C_GetInfo", false, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_GetInfo == nullptr)
-        return noFunc("C_GetInfo", log);
+        return false;
     CK_INFO info{};
     if (!checkRv("C_GetInfo", f->C_GetInfo(&info), log))
         return false;
@@ -82,10 +80,10 @@ bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, bool includeRawFlags, bool 
 bool ClsPkcs11::addSlotInfo(unsigned long slotId, int index, bool includeRawFlags, ClsJsonObject& json,
                             LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetSlotInfo, "C_GetSlotInfo", false, log);
+    if (f == nullptr)
+        return false;
     const std::string path = slotPath(index);
-    if (f->C_GetSlotInfo == nullptr)
-        return noFunc("C_GetSlotInfo", log);
     CK_SLOT_INFO info{};
     const CK_RV rv = f->C_GetSlotInfo(slotId, &info);
     if (!checkRv("C_GetSlotInfo", rv, log)) {
@@ -105,10 +103,10 @@ bool ClsPkcs11::addSlotInfo(unsigned long slotId, int index, bool includeRawFlag
 bool ClsPkcs11::addTokenInfo(unsigned long slotId, int index, bool includeRawFlags, ClsJsonObject& json,
                              LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetTokenInfo, "C_GetTokenInfo", false, log);
+    if (f == nullptr)
+        return false;
     const std::string path = at(slotPath(index), "token");
-    if (f->C_GetTokenInfo == nullptr)
-        return noFunc("C_GetTokenInfo", log);
     CK_TOKEN_INFO info{};
     const CK_RV rv = f->C_GetTokenInfo(slotId, &info);
     if (!checkRv("C_GetTokenInfo", rv, log)) {

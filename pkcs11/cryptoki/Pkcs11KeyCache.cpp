@@ -51,20 +51,11 @@ std::unique_ptr<Pkcs11_PrivateKey> keyRecord(unsigned long handle, const Attribu
 
 bool ClsPkcs11::objectSearchReady(LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
-    if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_FindObjectsInit == nullptr)
-        return noFunc("C_FindObjectsInit", log);
-    if (f->C_FindObjects == nullptr)
-        return noFunc("C_FindObjects", log);
-    if (f->C_FindObjectsFinal == nullptr)
-        return noFunc("C_FindObjectsFinal", log);
-    if (f->C_GetAttributeValue == nullptr)
-        return noFunc("C_GetAttributeValue", log);
-    if (m_hSession == 0)
-        return noSession(log);
-    return true;
+    using F = CK_FUNCTION_LIST;
+    return functionsWith(&F::C_FindObjectsInit, "C_FindObjectsInit", false, log) != nullptr
+        && functionsWith(&F::C_FindObjects, "C_FindObjects", false, log) != nullptr
+        && functionsWith(&F::C_FindObjectsFinal, "C_FindObjectsFinal", false, log) != nullptr
+        && functionsWith(&F::C_GetAttributeValue, "C_GetAttributeValue", true, log) != nullptr;
 }
 
 bool ClsPkcs11::searchObjects(std::vector<CK_ATTRIBUTE>& tmpl, std::vector<unsigned long>& handles, LogBase& log)
@@ -83,6 +74,25 @@ bool ClsPkcs11::searchKeys(unsigned long keyType, std::vector<unsigned long>& ha
     return searchObjects(tmpl, handles, log);
 }
 
+// Replaces the cache with one record per private key of the type, each read
+// in one template.
+bool ClsPkcs11::fillKeyCache(unsigned long keyType, const std::vector<CK_ATTRIBUTE_TYPE>& types, ExtPtrArray& cache,
+                             LogBase& log)
+{
+    std::vector<unsigned long> handles;
+    if (!searchKeys(keyType, handles, log))
+        return false;
+    AttributeReader reader(types);
+    cache.removeAllObjects();
+    for (unsigned long handle : handles) {
+        if (reader.read(m_dlHandle.functions(), m_hSession, handle, log))
+            cache.appendObject(keyRecord(handle, reader));
+        else
+            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
+    }
+    return true;
+}
+
 // forceRefill reads the token again even when the cache is filled;
 // withPublicMaterial also reads each key's subject and modulus, which the
 // pairing by subject or modulus compares.
@@ -92,20 +102,11 @@ bool ClsPkcs11::cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, L
     const bool haveMaterial = m_rsaKeysHaveSubjectDer && m_rsaKeysHaveModulus;
     if (m_rsaKeysCached && !forceRefill && (!withPublicMaterial || haveMaterial))
         return true;
-    std::vector<unsigned long> handles;
-    if (!searchKeys(CKK_RSA, handles, log))
-        return false;
     std::vector<CK_ATTRIBUTE_TYPE> types{CKA_ID, CKA_SIGN, CKA_LABEL};
     if (withPublicMaterial)
         types.insert(types.end(), {CKA_SUBJECT, CKA_MODULUS});
-    AttributeReader reader(types);
-    m_rsaKeys.removeAllObjects();
-    for (unsigned long handle : handles) {
-        if (reader.read(m_dlHandle.functions(), m_hSession, handle, log))
-            m_rsaKeys.appendObject(keyRecord(handle, reader));
-        else
-            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
-    }
+    if (!fillKeyCache(CKK_RSA, types, m_rsaKeys, log))
+        return false;
     m_rsaKeysCached = true;
     m_rsaKeysHaveSubjectDer = withPublicMaterial;
     m_rsaKeysHaveModulus = withPublicMaterial;
@@ -118,20 +119,11 @@ bool ClsPkcs11::cacheEcdsaPrivateKeys(bool withPoint, LogBase& log)
     LogContextExitor ctx(log, "cacheEcdsaPrivateKeys");
     if (m_ecKeysCached && (!withPoint || m_ecKeysHavePoint))
         return true;
-    std::vector<unsigned long> handles;
-    if (!searchKeys(CKK_EC, handles, log))
-        return false;
     std::vector<CK_ATTRIBUTE_TYPE> types{CKA_ID, CKA_SIGN, CKA_LABEL};
     if (withPoint)
         types.insert(types.end(), {CKA_EC_POINT, CKA_EC_PARAMS});
-    AttributeReader reader(types);
-    m_ecKeys.removeAllObjects();
-    for (unsigned long handle : handles) {
-        if (reader.read(m_dlHandle.functions(), m_hSession, handle, log))
-            m_ecKeys.appendObject(keyRecord(handle, reader));
-        else
-            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
-    }
+    if (!fillKeyCache(CKK_EC, types, m_ecKeys, log))
+        return false;
     m_ecKeysCached = true;
     m_ecKeysHavePoint = withPoint;
     return true;

@@ -26,11 +26,9 @@ bool sessionIsGone(CK_RV rv)
 
 bool ClsPkcs11::getSlotList(bool tokenPresent, std::vector<unsigned long>& slotIds, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetSlotList, "C_GetSlotList", false, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_GetSlotList == nullptr)
-        return noFunc("C_GetSlotList", log);
+        return false;
     const CK_BBOOL present = tokenPresent ? CK_TRUE : CK_FALSE;
     for (int attempt = 0; attempt < kSlotListAttempts; ++attempt) {
         CK_ULONG count = 0;
@@ -72,11 +70,9 @@ bool ClsPkcs11::getSlotIdsWithTokenPresent(unsigned long* ids, unsigned int& cou
 
 bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool quiet, bool readWrite, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_OpenSession, "C_OpenSession", false, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_OpenSession == nullptr)
-        return noFunc("C_OpenSession", log);
+        return false;
     if (m_hSession != 0) {
         log.LogInfo("Closing the session that is open before opening another.");
         endSessionQuietly(log);
@@ -111,13 +107,9 @@ void ClsPkcs11::refreshLoginState(LogBase& log)
 
 bool ClsPkcs11::C_CloseSession(LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_CloseSession, "C_CloseSession", true, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_CloseSession == nullptr)
-        return noFunc("C_CloseSession", log);
-    if (m_hSession == 0)
-        return noSession(log);
+        return false;
     const CK_RV rv = f->C_CloseSession(m_hSession);
     if (sessionIsGone(rv)) {
         m_hSession = 0;
@@ -161,13 +153,9 @@ bool ClsPkcs11::pinUsable(const PinArg& pin, LogBase& log)
 
 bool ClsPkcs11::C_Login(int userType, const char* pin, bool quiet, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_Login, "C_Login", true, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_Login == nullptr)
-        return noFunc("C_Login", log);
-    if (m_hSession == 0)
-        return noSession(log);
+        return false;
     log.LogDataLong("userType", userType);
     const PinArg pinArg(pin);
     if (!pinUsable(pinArg, log))
@@ -193,13 +181,9 @@ bool ClsPkcs11::C_Login(int userType, const char* pin, bool quiet, LogBase& log)
 
 bool ClsPkcs11::C_Logout(LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_Logout, "C_Logout", true, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_Logout == nullptr)
-        return noFunc("C_Logout", log);
-    if (m_hSession == 0)
-        return noSession(log);
+        return false;
     const CK_RV rv = f->C_Logout(m_hSession);
     if (rv == CKR_OK || rv == CKR_USER_NOT_LOGGED_IN) {
         m_soLoggedIn = false;

@@ -15,13 +15,9 @@ constexpr CK_ULONG kMaxSignatureLength = 4096;
 
 bool ClsPkcs11::C_SignInit(CK_MECHANISM& mechanism, unsigned long hKey, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_SignInit, "C_SignInit", true, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_SignInit == nullptr)
-        return noFunc("C_SignInit", log);
-    if (m_hSession == 0)
-        return noSession(log);
+        return false;
     return checkRv("C_SignInit", f->C_SignInit(m_hSession, &mechanism, hKey), log);
 }
 
@@ -29,13 +25,9 @@ bool ClsPkcs11::C_SignInit(CK_MECHANISM& mechanism, unsigned long hKey, LogBase&
 // token says it is too small is the length asked for (two-call pattern).
 bool ClsPkcs11::C_Sign(const DataBuffer& data, std::size_t expectedSize, DataBuffer& signature, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
+    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_Sign, "C_Sign", true, log);
     if (f == nullptr)
-        return noFuncs(log);
-    if (f->C_Sign == nullptr)
-        return noFunc("C_Sign", log);
-    if (m_hSession == 0)
-        return noSession(log);
+        return false;
     auto* in = const_cast<CK_BYTE_PTR>(data.getData());
     CK_ULONG len = expectedSize != 0 ? expectedSize : kMaxSignatureLength;
     signature.resize(len);
