@@ -57,80 +57,95 @@ const AttributeValue* AttributeReader::find(CK_ATTRIBUTE_TYPE type) const
     return nullptr;
 }
 
+namespace {
+
+// Return values after which the module still reports every attribute of
+// the template on its own.
+bool perAttributeAnswer(CK_RV rv)
+{
+    return rv == CKR_OK || rv == CKR_ATTRIBUTE_SENSITIVE || rv == CKR_ATTRIBUTE_TYPE_INVALID
+        || rv == CKR_BUFFER_TOO_SMALL;
+}
+
+} // namespace
+
 bool AttributeReader::read(CK_FUNCTION_LIST* functions, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                            LogBase& log)
 {
-    for (AttributeValue& v : m_values) {
-        v.present = false;
-        v.value.clear();
+    std::vector<std::size_t> all;
+    for (std::size_t i = 0; i < m_values.size(); ++i) {
+        m_values[i].present = false;
+        m_values[i].value.resize(typicalAttributeLength(m_values[i].type));
+        all.push_back(i);
     }
-    if (m_values.empty() || readPresized(functions, session, object))
+    if (all.empty() || !readValues(functions, session, object, all, log))
+        return all.empty();
+    // What did not come back was absent, sensitive or larger than its first
+    // buffer: ask for the lengths of those alone, then read the ones there.
+    std::vector<std::size_t> missing;
+    for (std::size_t i = 0; i < m_values.size(); ++i)
+        if (!m_values[i].present)
+            missing.push_back(i);
+    if (missing.empty())
         return true;
-    // Some attribute was absent, sensitive or larger than its first buffer:
-    // ask for the lengths, then read what is there.
-    return readLengthsThenValues(functions, session, object, log);
+    std::vector<std::size_t> sized;
+    if (!readLengths(functions, session, object, missing, sized, log))
+        return false;
+    return sized.empty() || readValues(functions, session, object, sized, log);
 }
 
-bool AttributeReader::readPresized(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o)
+// One C_GetAttributeValue for the attributes at the slots, into buffers
+// already sized; keeps what came back within its buffer.
+bool AttributeReader::readValues(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o,
+                                 const std::vector<std::size_t>& slots, LogBase& log)
 {
     std::vector<CK_ATTRIBUTE> tmpl;
-    std::vector<std::size_t> slots;
-    tmpl.reserve(m_values.size());
-    for (std::size_t i = 0; i < m_values.size(); ++i) {
+    for (std::size_t i : slots) {
         AttributeValue& v = m_values[i];
-        v.value.resize(typicalAttributeLength(v.type));
-        tmpl.push_back(CK_ATTRIBUTE{v.type, v.value.getData(), v.value.getSize()});
-        slots.push_back(i);
+        tmpl.push_back(CK_ATTRIBUTE{v.type, v.value.isEmpty() ? nullptr : v.value.getData(), v.value.getSize()});
     }
     m_lastRv = f->C_GetAttributeValue(s, o, tmpl.data(), tmpl.size());
-    if (m_lastRv != CKR_OK) {
-        for (AttributeValue& v : m_values)
-            v.value.clear();
+    if (!perAttributeAnswer(m_lastRv)) {
+        for (std::size_t i : slots)
+            m_values[i].value.clear();
         return false;
     }
-    LogNull quiet;
-    return takeValues(tmpl, slots, quiet);
+    takeValues(tmpl, slots, log);
+    return true;
 }
 
-bool AttributeReader::readLengthsThenValues(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o,
-                                            LogBase& log)
+// Asks the lengths of the attributes at the slots; the ones the object has,
+// within the bound, get a buffer of that size and go into sized.
+bool AttributeReader::readLengths(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o,
+                                  const std::vector<std::size_t>& slots, std::vector<std::size_t>& sized, LogBase& log)
 {
     std::vector<CK_ATTRIBUTE> lengths;
-    for (const AttributeValue& v : m_values)
-        lengths.push_back(CK_ATTRIBUTE{v.type, nullptr, 0});
+    for (std::size_t i : slots)
+        lengths.push_back(CK_ATTRIBUTE{m_values[i].type, nullptr, 0});
     m_lastRv = f->C_GetAttributeValue(s, o, lengths.data(), lengths.size());
-    if (m_lastRv != CKR_OK && m_lastRv != CKR_ATTRIBUTE_SENSITIVE && m_lastRv != CKR_ATTRIBUTE_TYPE_INVALID)
+    if (!perAttributeAnswer(m_lastRv))
         return false;
-
-    std::vector<CK_ATTRIBUTE> tmpl;
-    std::vector<std::size_t> slots;
-    for (std::size_t i = 0; i < m_values.size(); ++i) {
-        const CK_ULONG len = lengths[i].ulValueLen;
+    for (std::size_t k = 0; k < slots.size(); ++k) {
+        AttributeValue& v = m_values[slots[k]];
+        const CK_ULONG len = lengths[k].ulValueLen;
+        v.value.clear();
         if (len == CK_UNAVAILABLE_INFORMATION)
             continue; // compared before any use of the value as a size
         if (len > kMaxAttributeLength) {
-            log.LogInfo(("Ignoring " + ckaName(m_values[i].type) + ": the module reports an impossible length.").c_str());
+            log.LogInfo(("Ignoring " + ckaName(v.type) + ": the module reports an impossible length.").c_str());
             continue;
         }
-        m_values[i].value.resize(len);
-        if (len == 0) {
-            m_values[i].present = true;
-            continue;
-        }
-        tmpl.push_back(CK_ATTRIBUTE{m_values[i].type, m_values[i].value.getData(), len});
-        slots.push_back(i);
+        v.value.resize(len);
+        if (len == 0)
+            v.present = true;
+        else
+            sized.push_back(slots[k]);
     }
-    if (tmpl.empty())
-        return true;
-    m_lastRv = f->C_GetAttributeValue(s, o, tmpl.data(), tmpl.size());
-    if (m_lastRv != CKR_OK && m_lastRv != CKR_ATTRIBUTE_SENSITIVE && m_lastRv != CKR_ATTRIBUTE_TYPE_INVALID
-        && m_lastRv != CKR_BUFFER_TOO_SMALL)
-        return false;
-    return takeValues(tmpl, slots, log);
+    return true;
 }
 
 // Keeps each value the module filled within its buffer; anything else stays absent.
-bool AttributeReader::takeValues(const std::vector<CK_ATTRIBUTE>& tmpl, const std::vector<std::size_t>& slots,
+void AttributeReader::takeValues(const std::vector<CK_ATTRIBUTE>& tmpl, const std::vector<std::size_t>& slots,
                                  LogBase& log)
 {
     for (std::size_t k = 0; k < tmpl.size(); ++k) {
@@ -145,7 +160,6 @@ bool AttributeReader::takeValues(const std::vector<CK_ATTRIBUTE>& tmpl, const st
         v.value.shorten(len);
         v.present = true;
     }
-    return true;
 }
 
 } // namespace p11client

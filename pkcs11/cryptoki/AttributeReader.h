@@ -23,10 +23,11 @@ struct AttributeValue {
 
 // Every attribute an object needs, read in one template. The first call goes
 // with buffers already sized for typical values, so most objects cost one
-// C_GetAttributeValue; only when the token refuses that call are the lengths
-// asked for and the values read again. A length of CK_UNAVAILABLE_INFORMATION
-// means absent, and every length is checked against a bound before anything
-// is allocated for it.
+// C_GetAttributeValue; the attributes that did not come back (absent,
+// sensitive, or larger than their buffer) have their lengths asked in a
+// second call and, where they exist, their values read in a third. A length
+// of CK_UNAVAILABLE_INFORMATION means absent, and every length is checked
+// against a bound before anything is allocated for it.
 class AttributeReader {
 public:
     // No attribute this library reads needs more; a certificate is a few KiB.
@@ -44,9 +45,11 @@ public:
     std::span<const AttributeValue> values() const { return m_values; }
 
 private:
-    bool readPresized(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o);
-    bool readLengthsThenValues(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, LogBase& log);
-    bool takeValues(const std::vector<CK_ATTRIBUTE>& tmpl, const std::vector<std::size_t>& slots, LogBase& log);
+    bool readValues(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, const std::vector<std::size_t>& slots,
+                    LogBase& log);
+    bool readLengths(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, const std::vector<std::size_t>& slots,
+                     std::vector<std::size_t>& sized, LogBase& log);
+    void takeValues(const std::vector<CK_ATTRIBUTE>& tmpl, const std::vector<std::size_t>& slots, LogBase& log);
 
     std::vector<AttributeValue> m_values;
     CK_RV m_lastRv = CKR_OK;

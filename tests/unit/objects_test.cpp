@@ -105,8 +105,18 @@ TEST_F(ObjectsTest, AttributesComeInOnePresizedReadWhenTheTokenHasThemAll)
     json.updateString("label", "incomplete");
     mock::clearCalls();
     ASSERT_TRUE(p11->FindObject(json));
-    EXPECT_EQ(mock::callCount("C_GetAttributeValue"), 3) << "refused, then lengths, then values";
+    EXPECT_EQ(mock::callCount("C_GetAttributeValue"), 2) << "then the length of the missing one alone";
     EXPECT_EQ(text(json, "objects[0].attributes.CKA_VALUE"), "<none>");
+    EXPECT_EQ(text(json, "objects[0].attributes.CKA_OBJECT_ID"), "06012a");
+
+    const std::string longLabel(300, 'L');
+    complete[4] = mock::stringAttr(CKA_LABEL, longLabel);
+    mock::addObject(kSlot, complete);
+    json.updateString("label", longLabel.c_str());
+    mock::clearCalls();
+    ASSERT_TRUE(p11->FindObject(json));
+    EXPECT_EQ(mock::callCount("C_GetAttributeValue"), 3) << "a value larger than its first buffer is read again";
+    EXPECT_EQ(text(json, "objects[0].attributes.CKA_LABEL"), longLabel);
     EXPECT_EQ(text(json, "objects[0].attributes.CKA_OBJECT_ID"), "06012a");
 
     std::vector<std::string> order;
