@@ -17,12 +17,12 @@ class Certificate;
 class ClsCert;
 class ClsJsonObject;
 class DataBuffer;
-class Pkcs11_PrivateKey;
-struct HashAlgorithm;
-struct _smartcardCertSpec;
 class ExtPtrArraySb;
+class Pkcs11_PrivateKey;
 class StringBuffer;
+struct HashAlgorithm;
 struct PinArg;
+struct _smartcardCertSpec;
 
 // A vendor PKCS#11 library, loaded at run time, and at most one open session
 // on one of its slots.
@@ -204,6 +204,8 @@ private:
     bool cacheEcdsaPrivateKeys(bool withPoint, LogBase& log);
     bool findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBase& log);
     bool findAllCerts(LogBase& log);
+    int findObject(ClsJsonObject& json, LogBase& log);
+    std::optional<unsigned long> objectClassOf(unsigned long handle, std::optional<unsigned long> known, LogBase& log);
 
     // Pairing and selection.
     struct ScanTexts {
@@ -218,6 +220,7 @@ private:
     KeyRuleOutcome applyPrivateKeyRule(Certificate& cert, bool haveCandidate, LogBase& log);
     bool commitCert(const std::shared_ptr<Certificate>& chosen, ClsCert& cert, LogBase& log);
     void rememberLink(Certificate& cert);
+    void unlinkRememberedCerts();
 
     // Signing.
     bool signDigest(Certificate* cert, const HashAlgorithm& alg, const DataBuffer& digest, DataBuffer& signature,
@@ -225,9 +228,6 @@ private:
     bool signOnToken(CK_MECHANISM& mechanism, unsigned long hKey, const DataBuffer& input, std::size_t expectedSize,
                      DataBuffer& signature, LogBase& log);
     bool keyNeedsContextLogin(unsigned long hKey, LogBase& log);
-    void unlinkRememberedCerts();
-    int findObject(ClsJsonObject& json, LogBase& log);
-    std::optional<unsigned long> objectClassOf(unsigned long handle, std::optional<unsigned long> known, LogBase& log);
 
     XString m_sharedLibPath;
     XString m_loadedLibPath;
