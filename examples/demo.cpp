@@ -80,9 +80,12 @@ int main(int argc, char** argv)
     ClsJsonObject report;
     if (!step("Discover the module, its slots and tokens", p11->Discover(true, report), *p11))
         return 1;
-    XString json;
-    report.Emit(json);
-    std::printf("%s\n", json.getUtf8());
+    for (int i = 0; i < report.SizeOfArray(XString("slots")); ++i) {
+        report.put_I(i);
+        XString label;
+        report.StringOf(XString("slots[i].token.label"), label);
+        std::printf("  slot %lld: token \"%s\"\n", report.IntOf(XString("slots[i].id")), label.getUtf8());
+    }
 
     if (!step("QuickSession as the normal user", p11->QuickSession(1, XString(pin)), *p11))
         return 1;

@@ -1,0 +1,72 @@
+#include "Options.h"
+
+#include "CommandContext.h"
+#include "Errors.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <filesystem>
+
+namespace p11cli {
+
+namespace {
+
+// Where Debian and other distributions put p11-kit's proxy module, which
+// reaches every module registered on the machine.
+constexpr const char* kProxyModules[] = {
+    "/usr/lib/x86_64-linux-gnu/p11-kit-proxy.so",
+    "/usr/lib/p11-kit-proxy.so",
+};
+
+} // namespace
+
+bool GlobalOptions::hasSlot() const
+{
+    return slotOption != nullptr && slotOption->count() > 0;
+}
+
+void addGlobalOptions(CLI::App& app, CommandContext& context)
+{
+    GlobalOptions& o = context.options;
+    const std::string group = "Token selection and output";
+    app.add_option("--module", o.modulePath,
+                   "the vendor's PKCS#11 module (default: p11-kit's proxy module, p11-kit-proxy.so)")
+        ->type_name("PATH")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+        ->group(group);
+    o.slotOption = app.add_option("--slot", o.slotId,
+                                  "the slot ID, as discover shows it (default: the first slot "
+                                  "with an initialized token)")
+                       ->type_name("ID")
+                       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+                       ->check(CLI::Range(0UL, static_cast<unsigned long>(UINT32_MAX)).description(""))
+                       ->group(group);
+    app.add_option("--uri,--token-uri", o.uri,
+                   "a PKCS#11 URI (RFC 7512) naming the token and, for commands that take one, the object: "
+                   "pkcs11:token=LABEL;object=LABEL;id=%01;type=cert")
+        ->type_name("URI")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+        ->group(group);
+    app.add_flag("--json", o.json, "write JSON for scripts instead of tables")->group(group);
+    app.add_flag("-v,--verbose", o.verbose, "print the library's log of every call on stderr")->group(group);
+    context.userPin.addOptions(app, "pin", "PIN sources");
+}
+
+std::string chooseModulePath(const std::string& given, const std::vector<std::string>& uriModulePaths)
+{
+    if (!given.empty())
+        return given;
+    for (const std::string& path : uriModulePaths)
+        if (!path.empty())
+            return path;
+    for (const char* proxy : kProxyModules) {
+        std::error_code ignored;
+        if (std::filesystem::is_regular_file(proxy, ignored))
+            return proxy;
+    }
+    throw UsageError("no PKCS#11 module: give --module PATH (p11-kit's proxy module, p11-kit-proxy.so, is not "
+                     "installed; Debian's package p11-kit-modules has it)");
+}
+
+} // namespace p11cli

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+class Option;
+} // namespace CLI
+
+namespace p11cli {
+
+class CommandContext;
+
+// The options every command takes.
+struct GlobalOptions {
+    std::string modulePath;
+    unsigned long slotId = 0;
+    CLI::Option* slotOption = nullptr;
+    std::string uri;
+    bool json = false;
+    bool verbose = false;
+
+    bool hasSlot() const;
+};
+
+// Adds the global options (and the user PIN's sources) to the application.
+void addGlobalOptions(CLI::App& app, CommandContext& context);
+
+// The module to load: the one given, else the module-path of a URI, else
+// p11-kit's proxy module when installed; a UsageError when there is none.
+std::string chooseModulePath(const std::string& given, const std::vector<std::string>& uriModulePaths);
+
+} // namespace p11cli
