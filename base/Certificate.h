@@ -24,7 +24,11 @@ class _qxPublicKey;
 // A Certificate is always owned through std::shared_ptr: the module's
 // certificate cache and every ClsCert it was handed to share it, so a
 // ClsCert stays valid after the cache lets go. Its X.509 content never
-// changes after creation. The token data (object handle, CKA_ID) and the
+// changes after creation. A certificate read from a token keeps its DER and
+// is parsed at its first use that needs the X.509 content (once, safely from
+// any thread): listing thousands of certificates costs no parse, and pairing
+// reads what it needs (key type and size, EC point, subject) straight from
+// the DER. The token data (object handle, CKA_ID) and the
 // link to a PKCS#11 session may change and are guarded by the certificate's
 // own lock, so readers on other threads see consistent values.
 //
@@ -60,6 +64,14 @@ public:
     static std::shared_ptr<Certificate> createFromPem(std::string_view pem, LogBase& log);
     // PEM when the bytes begin (after white space) with "-----BEGIN", else DER.
     static std::shared_ptr<Certificate> createFromBytes(std::span<const std::uint8_t> bytes, LogBase& log);
+    // A certificate from a token object's value, parsed at first need. Only
+    // the DER outline is checked here (a certificate SEQUENCE of the
+    // to-be-signed SEQUENCE, the algorithm SEQUENCE and the signature BIT
+    // STRING, with the to-be-signed part's fields in order, no trailing
+    // bytes); null, with the reason logged, when it does not hold. A value
+    // that passes the outline and still fails to parse later makes every
+    // getter that needs the X.509 content fail ("Invalid certificate DER.").
+    static std::shared_ptr<Certificate> createDeferred(std::span<const std::uint8_t> der, LogBase& log);
 
     ~Certificate();
     Certificate(const Certificate&) = delete;
@@ -92,6 +104,10 @@ public:
     // to the key size (RSA modulus bits, EC curve order bits), 0 if unknown.
     int getCertKeyType(int& bits, LogBase& log) const;
     bool getCertPublicKey(_qxPublicKey& key, LogBase& log) const;
+    // The EC public point as the EC key cache keeps it (04||X||Y): what
+    // getCertPublicKey followed by EccKey::exportEccPoint gives, with the
+    // same log when it fails.
+    bool getEcPublicPoint(DataBuffer& out, LogBase& log) const;
     // Replaces out with the DER of a part: kPartSubject (the subject name, as
     // a token's CKA_SUBJECT holds it), kPartIssuer, kPartPublicKey (the
     // SubjectPublicKeyInfo) or kPartCertificate.
@@ -135,20 +151,41 @@ public:
     void getCkaId(DataBuffer& out) const;
     bool hasCkaId() const;
 
-    // The parsed certificate, for library code that needs OpenSSL directly.
-    const X509* x509() const { return m_x509.get(); }
+    // The parsed certificate, for library code that needs OpenSSL directly
+    // (null when a deferred parse failed).
+    const X509* x509() const { return parsed(); }
 
 private:
     struct X509Free {
         void operator()(X509* x) const;
     };
     Certificate(X509* x509, std::span<const std::uint8_t> der);
+    explicit Certificate(std::span<const std::uint8_t> der);
+
+    // The parsed certificate, parsing the DER at the first call; null when
+    // it does not parse. parsedOrLog also logs that failure.
+    const X509* parsed() const;
+    const X509* parsedOrLog(LogBase& log) const;
+    // What pairing needs of the public key (type, size, EC point), read from
+    // the DER without building an OpenSSL key; known is false for the key
+    // kinds and encodings left to the full parse. Worked out once.
+    struct KeyOutline {
+        bool known = false;
+        int keyType = kKeyTypeOther;
+        int bits = 0;
+        DataBuffer ecPoint;
+    };
+    const KeyOutline& keyOutline() const;
+    static KeyOutline readKeyOutline(std::span<const std::uint8_t> der);
 
     bool getNameText(bool subject, bool withTags, XString& out, LogBase& log) const;
     bool getNamePart(bool subject, const char* attr, XString& out) const;
     bool getTime(bool notAfter, std::time_t* when, XString* text, LogBase& log) const;
 
-    std::unique_ptr<X509, X509Free> m_x509;
+    mutable std::once_flag m_parseOnce;
+    mutable std::unique_ptr<X509, X509Free> m_x509; // set once, under m_parseOnce
+    mutable std::once_flag m_keyOutlineOnce;
+    mutable KeyOutline m_keyOutline; // set once, under m_keyOutlineOnce
     DataBuffer m_der;
 
     mutable std::mutex m_mutex; // guards the members below

@@ -21,8 +21,9 @@ const X509_NAME* nameOf(const X509* x509, bool subject)
 
 bool Certificate::getNameText(bool subject, bool withTags, XString& out, LogBase& log) const
 {
+    const X509* x509 = parsedOrLog(log);
     std::string text;
-    if (!DnText::render(nameOf(m_x509.get(), subject), withTags, text)) {
+    if (x509 == nullptr || !DnText::render(nameOf(x509, subject), withTags, text)) {
         log.LogError(subject ? "Unable to read the subject DN." : "Unable to read the issuer DN.");
         return false;
     }
@@ -32,8 +33,9 @@ bool Certificate::getNameText(bool subject, bool withTags, XString& out, LogBase
 
 bool Certificate::getNamePart(bool subject, const char* attr, XString& out) const
 {
+    const X509* x509 = parsed();
     std::string value;
-    if (attr == nullptr || !DnText::findPart(nameOf(m_x509.get(), subject), attr, value))
+    if (attr == nullptr || x509 == nullptr || !DnText::findPart(nameOf(x509, subject), attr, value))
         return false;
     out.setFromUtf8(value);
     return true;
@@ -65,7 +67,8 @@ bool Certificate::getIssuerPart(const char* attr, XString& out, LogBase&) const
 
 bool Certificate::getSerialNumber(XString& out, LogBase& log) const
 {
-    BignumPtr serial(ASN1_INTEGER_to_BN(X509_get0_serialNumber(m_x509.get()), nullptr));
+    const X509* x509 = parsedOrLog(log);
+    BignumPtr serial(x509 != nullptr ? ASN1_INTEGER_to_BN(X509_get0_serialNumber(x509), nullptr) : nullptr);
     if (!serial) {
         log.LogError("Unable to read the serial number.");
         return false;

@@ -10,7 +10,8 @@ namespace p11client {
 
 bool Certificate::getTime(bool notAfter, std::time_t* when, XString* text, LogBase& log) const
 {
-    const ASN1_TIME* t = notAfter ? X509_get0_notAfter(m_x509.get()) : X509_get0_notBefore(m_x509.get());
+    const X509* x509 = parsedOrLog(log);
+    const ASN1_TIME* t = x509 == nullptr ? nullptr : notAfter ? X509_get0_notAfter(x509) : X509_get0_notBefore(x509);
     std::tm tm{};
     if (t == nullptr || ASN1_TIME_to_tm(t, &tm) != 1) {
         log.LogError(notAfter ? "Unable to read the end of validity." : "Unable to read the start of validity.");

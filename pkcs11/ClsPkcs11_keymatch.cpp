@@ -2,7 +2,6 @@
 #include "ClsPkcs11.h"
 
 #include "Certificate.h"
-#include "EccKey.h"
 #include "Pkcs11_PrivateKey.h"
 #include "RsaKey.h"
 #include "ZelvanMp.h"
@@ -161,9 +160,7 @@ unsigned long ClsPkcs11::findEcKeyHandle(Certificate& cert, bool minimalFirstPas
     // Logged as an error on purpose: readers of this log look for it there.
     log.LogError("Certificate key type is ECDSA.");
     DataBuffer point;
-    _qxPublicKey publicKey;
-    if (cert.getCertPublicKey(publicKey, log) && publicKey.getEccKey() != nullptr)
-        publicKey.getEccKey()->exportEccPoint(point, log);
+    cert.getEcPublicPoint(point, log);
     if (!cacheEcdsaPrivateKeys(!point.isEmpty() && !minimalFirstPass, log))
         return 0;
     const int n = m_ecKeys.getSize();

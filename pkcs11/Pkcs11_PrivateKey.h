@@ -22,7 +22,7 @@ public:
     unsigned long m_handle = 0;
     DataBuffer m_subjectDer; // CKA_SUBJECT
     DataBuffer m_modulus;    // CKA_MODULUS, as the token returns it
-    DataBuffer m_extraAttr;  // CKA_LABEL, for reports
+    DataBuffer m_extraAttr;  // not read by the pairing; the caches leave it empty
     DataBuffer m_ecPoint;    // CKA_EC_POINT, as the uncompressed point 04||X||Y
     DataBuffer m_id;         // CKA_ID
     std::int32_t m_signState = kSignUnknown; // from CKA_SIGN

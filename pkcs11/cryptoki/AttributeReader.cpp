@@ -3,6 +3,7 @@
 #include "CkNames.h"
 #include "LogBase.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace p11client {
@@ -42,11 +43,14 @@ CK_ULONG typicalAttributeLength(CK_ATTRIBUTE_TYPE type)
     }
 }
 
-AttributeReader::AttributeReader(std::span<const CK_ATTRIBUTE_TYPE> types)
+AttributeReader::AttributeReader(std::span<const CK_ATTRIBUTE_TYPE> types,
+                                 std::span<const CK_ATTRIBUTE_TYPE> firstReadOnly)
 {
     m_values.reserve(types.size());
-    for (CK_ATTRIBUTE_TYPE type : types)
-        m_values.push_back(AttributeValue{type, false, {}});
+    for (CK_ATTRIBUTE_TYPE type : types) {
+        const bool once = std::find(firstReadOnly.begin(), firstReadOnly.end(), type) != firstReadOnly.end();
+        m_values.push_back(AttributeValue{type, false, {}, once});
+    }
 }
 
 const AttributeValue* AttributeReader::find(CK_ATTRIBUTE_TYPE type) const
@@ -58,6 +62,26 @@ const AttributeValue* AttributeReader::find(CK_ATTRIBUTE_TYPE type) const
 }
 
 namespace {
+
+// The key type that alone carries the attribute: RSA for the modulus and
+// the other RSA components, EC for the curve and the point.
+std::optional<CK_KEY_TYPE> onlyKeyTypeOf(CK_ATTRIBUTE_TYPE type)
+{
+    switch (type) {
+    case CKA_MODULUS:
+    case CKA_MODULUS_BITS:
+    case CKA_PUBLIC_EXPONENT:
+    case CKA_PRIVATE_EXPONENT:
+    case CKA_PRIME_1:
+    case CKA_PRIME_2:
+    case CKA_EXPONENT_1:
+    case CKA_EXPONENT_2:
+    case CKA_COEFFICIENT: return CKK_RSA;
+    case CKA_EC_PARAMS:
+    case CKA_EC_POINT: return CKK_EC;
+    default: return std::nullopt;
+    }
+}
 
 // Return values after which the module still reports every attribute of
 // the template on its own.
@@ -84,7 +108,7 @@ bool AttributeReader::read(CK_FUNCTION_LIST* functions, CK_SESSION_HANDLE sessio
     // buffer: ask for the lengths of those alone, then read the ones there.
     std::vector<std::size_t> missing;
     for (std::size_t i = 0; i < m_values.size(); ++i)
-        if (!m_values[i].present)
+        if (!m_values[i].present && worthALengthPass(m_values[i]))
             missing.push_back(i);
     if (missing.empty())
         return true;
@@ -92,6 +116,20 @@ bool AttributeReader::read(CK_FUNCTION_LIST* functions, CK_SESSION_HANDLE sessio
     if (!readLengths(functions, session, object, missing, sized, log))
         return false;
     return sized.empty() || readValues(functions, session, object, sized, log);
+}
+
+// Whether an attribute the first read did not return may still be there,
+// larger than its buffer. Not when the caller asked for one read only, nor
+// for an RSA component of an EC key or an EC attribute of an RSA key (the
+// key type read in the same template), which no such key has.
+bool AttributeReader::worthALengthPass(const AttributeValue& v) const
+{
+    if (v.firstReadOnly)
+        return false;
+    const std::optional<CK_KEY_TYPE> only = onlyKeyTypeOf(v.type);
+    const AttributeValue* keyType = only ? find(CKA_KEY_TYPE) : nullptr;
+    const std::optional<CK_ULONG> type = keyType != nullptr ? keyType->asUlong() : std::nullopt;
+    return !type || (*type != CKK_RSA && *type != CKK_EC) || *type == *only;
 }
 
 // One C_GetAttributeValue for the attributes at the slots, into buffers

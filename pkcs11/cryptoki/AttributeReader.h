@@ -16,6 +16,7 @@ struct AttributeValue {
     CK_ATTRIBUTE_TYPE type = 0;
     bool present = false; // false: absent, sensitive, unavailable or over the bound
     DataBuffer value;
+    bool firstReadOnly = false; // no length pass when the first read misses it
 
     std::optional<CK_ULONG> asUlong() const;
     std::optional<bool> asBool() const;
@@ -25,7 +26,8 @@ struct AttributeValue {
 // with buffers already sized for typical values, so most objects cost one
 // C_GetAttributeValue; the attributes that did not come back (absent,
 // sensitive, or larger than their buffer) have their lengths asked in a
-// second call and, where they exist, their values read in a third. A length
+// second call and, where they exist, their values read in a third (except
+// where the first read already settles it, see worthALengthPass). A length
 // of CK_UNAVAILABLE_INFORMATION means absent, and every length is checked
 // against a bound before anything is allocated for it.
 class AttributeReader {
@@ -33,7 +35,15 @@ public:
     // No attribute this library reads needs more; a certificate is a few KiB.
     static constexpr CK_ULONG kMaxAttributeLength = 128 * 1024;
 
-    explicit AttributeReader(std::span<const CK_ATTRIBUTE_TYPE> types);
+    // firstReadOnly: attributes whose first buffer already holds any value
+    // the caller can use (a flag, or an EC point of any curve the library
+    // decodes); one that does not come back in the first read counts as
+    // absent, without a length pass. A module that answers a template with
+    // attributes the object lacks by CKR_ATTRIBUTE_TYPE_INVALID (and, like
+    // SoftHSM2, gives no length for a buffer too small) then costs one call
+    // per object instead of two.
+    explicit AttributeReader(std::span<const CK_ATTRIBUTE_TYPE> types,
+                             std::span<const CK_ATTRIBUTE_TYPE> firstReadOnly = {});
 
     // Reads the attributes of one object. False only when the module failed
     // the call for another reason than absent or sensitive attributes.
@@ -45,6 +55,7 @@ public:
     std::span<const AttributeValue> values() const { return m_values; }
 
 private:
+    bool worthALengthPass(const AttributeValue& v) const;
     bool readValues(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, const std::vector<std::size_t>& slots,
                     LogBase& log);
     bool readLengths(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, const std::vector<std::size_t>& slots,

@@ -35,7 +35,7 @@ bool ClsPkcs11::findAllCerts(LogBase& log)
         }
         const AttributeValue* value = reader.find(CKA_VALUE);
         std::shared_ptr<Certificate> cert =
-            value->present ? Certificate::createFromDer(value->value.bytes(), log) : nullptr;
+            value->present ? Certificate::createDeferred(value->value.bytes(), log) : nullptr;
         if (!cert) {
             log.LogInfo("Skipping a certificate object whose value is not an X.509 certificate.");
             log.LogDataLong("objectHandle", static_cast<long>(handle));

@@ -13,6 +13,10 @@ namespace p11client {
 
 namespace {
 
+// Read once: a flag always fits its buffer, and no curve the library decodes
+// has a point larger than the first buffer of CKA_EC_POINT.
+constexpr CK_ATTRIBUTE_TYPE kFirstReadOnly[] = {CKA_SIGN, CKA_EC_POINT};
+
 std::int32_t signStateOf(const AttributeValue* sign)
 {
     const std::optional<bool> may = sign != nullptr ? sign->asBool() : std::nullopt;
@@ -33,7 +37,6 @@ std::unique_ptr<Pkcs11_PrivateKey> keyRecord(unsigned long handle, const Attribu
     auto key = std::make_unique<Pkcs11_PrivateKey>();
     key->m_handle = handle;
     copyIfPresent(attrs.find(CKA_ID), key->m_id);
-    copyIfPresent(attrs.find(CKA_LABEL), key->m_extraAttr);
     copyIfPresent(attrs.find(CKA_SUBJECT), key->m_subjectDer);
     copyIfPresent(attrs.find(CKA_MODULUS), key->m_modulus);
     key->m_signState = signStateOf(attrs.find(CKA_SIGN));
@@ -82,7 +85,7 @@ bool ClsPkcs11::fillKeyCache(unsigned long keyType, const std::vector<CK_ATTRIBU
     std::vector<unsigned long> handles;
     if (!searchKeys(keyType, handles, log))
         return false;
-    AttributeReader reader(types);
+    AttributeReader reader(types, kFirstReadOnly);
     cache.removeAllObjects();
     for (unsigned long handle : handles) {
         if (reader.read(m_dlHandle.functions(), m_hSession, handle, log))
@@ -102,7 +105,7 @@ bool ClsPkcs11::cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, L
     const bool haveMaterial = m_rsaKeysHaveSubjectDer && m_rsaKeysHaveModulus;
     if (m_rsaKeysCached && !forceRefill && (!withPublicMaterial || haveMaterial))
         return true;
-    std::vector<CK_ATTRIBUTE_TYPE> types{CKA_ID, CKA_SIGN, CKA_LABEL};
+    std::vector<CK_ATTRIBUTE_TYPE> types{CKA_ID, CKA_SIGN};
     if (withPublicMaterial)
         types.insert(types.end(), {CKA_SUBJECT, CKA_MODULUS});
     if (!fillKeyCache(CKK_RSA, types, m_rsaKeys, log))
@@ -119,7 +122,7 @@ bool ClsPkcs11::cacheEcdsaPrivateKeys(bool withPoint, LogBase& log)
     LogContextExitor ctx(log, "cacheEcdsaPrivateKeys");
     if (m_ecKeysCached && (!withPoint || m_ecKeysHavePoint))
         return true;
-    std::vector<CK_ATTRIBUTE_TYPE> types{CKA_ID, CKA_SIGN, CKA_LABEL};
+    std::vector<CK_ATTRIBUTE_TYPE> types{CKA_ID, CKA_SIGN};
     if (withPoint)
         types.insert(types.end(), {CKA_EC_POINT, CKA_EC_PARAMS});
     if (!fillKeyCache(CKK_EC, types, m_ecKeys, log))

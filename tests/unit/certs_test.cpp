@@ -26,6 +26,7 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <unistd.h>
@@ -207,6 +208,99 @@ TEST_F(CertsTest, InvalidDerIsRejectedWithAReason)
     EXPECT_EQ(Certificate::createFromPem("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n", log),
               nullptr);
     EXPECT_FALSE(errorsOf(log).empty());
+}
+
+// A token's certificate is parsed at first use; the value is only checked for
+// the certificate's DER outline when the cache is filled.
+TEST_F(CertsTest, DeferredCertificateRefusesWhatEagerParsingRefusesWithTheSameErrors)
+{
+    const auto der = makeCertDer(personSpec(s_p256));
+    const std::string pem = "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n";
+    const std::vector<std::vector<std::uint8_t>> bad{
+        {},
+        {0x30, 0x03, 0x02, 0x01, 0x01},
+        {0x30, 0x0a, 0x30, 0x03, 0x02, 0x01, 0x01, 0x30, 0x00, 0x03, 0x01, 0x00}, // a TBS of a serial alone
+        std::vector<std::uint8_t>(der.begin(), der.end() - 1),
+        [&] { auto v = der; v.push_back(0); return v; }(),
+        std::vector<std::uint8_t>(pem.begin(), pem.end()),
+        std::vector<std::uint8_t>(Certificate::kMaxDerSize + 1, 0x30),
+    };
+    for (const auto& bytes : bad) {
+        _qxLogger eager;
+        _qxLogger deferred;
+        EXPECT_EQ(Certificate::createFromDer(bytes, eager), nullptr) << bytes.size();
+        EXPECT_EQ(Certificate::createDeferred(bytes, deferred), nullptr) << bytes.size();
+        EXPECT_EQ(errorsOf(deferred), errorsOf(eager)) << bytes.size();
+    }
+}
+
+TEST_F(CertsTest, DeferredCertificateAnswersAsAParsedOne)
+{
+    for (const TestKey& key : {s_rsa, s_p256, s_p384, s_p521}) {
+        const auto der = makeCertDer(personSpec(key));
+        const auto eager = Certificate::createFromDer(der, m_log);
+        const auto deferred = Certificate::createDeferred(der, m_log);
+        ASSERT_NE(eager, nullptr);
+        ASSERT_NE(deferred, nullptr);
+        // Key type, size and subject are read from the DER without OpenSSL's
+        // decoding; they must be what OpenSSL makes of the parsed certificate.
+        const EVP_PKEY* pkey = X509_get0_pubkey(eager->x509());
+        int bits = 0;
+        EXPECT_EQ(deferred->getCertKeyType(bits, m_log),
+                  EVP_PKEY_get_base_id(pkey) == EVP_PKEY_EC ? Certificate::kKeyTypeEcdsa : Certificate::kKeyTypeRsa);
+        EXPECT_EQ(bits, EVP_PKEY_get_bits(pkey));
+        unsigned char* name = nullptr;
+        const int nameLen = i2d_X509_NAME(X509_get_subject_name(eager->x509()), &name);
+        ASSERT_GT(nameLen, 0);
+        const std::string expectedSubject = hexOf(std::span<const std::uint8_t>(name, static_cast<std::size_t>(nameLen)));
+        OPENSSL_free(name);
+        DataBuffer subject;
+        ASSERT_TRUE(deferred->getPartDer(Certificate::kPartSubject, subject, m_log));
+        EXPECT_EQ(hexOf(subject), expectedSubject);
+        XString eagerDn;
+        XString deferredDn;
+        ASSERT_TRUE(deferred->getSubjectDN(deferredDn, m_log));
+        ASSERT_TRUE(eager->getSubjectDN(eagerDn, m_log));
+        EXPECT_EQ(std::string(deferredDn.getUtf8()), eagerDn.getUtf8());
+        EXPECT_NE(deferred->x509(), nullptr);
+    }
+    EXPECT_TRUE(errorsOf(m_log).empty());
+}
+
+TEST_F(CertsTest, EcPointOfTheCertificateIsTheKeysOwnPoint)
+{
+    for (const TestKey& key : {s_p256, s_p384, s_p521}) {
+        const auto cert = Certificate::createDeferred(makeCertDer(personSpec(key)), m_log);
+        ASSERT_NE(cert, nullptr);
+        DataBuffer point;
+        ASSERT_TRUE(cert->getEcPublicPoint(point, m_log));
+        EXPECT_EQ(hexOf(point), hexOf(pointOf(key.get())));
+    }
+    DataBuffer none;
+    _qxLogger log;
+    EXPECT_FALSE(load(personSpec(s_rsa))->getEcPublicPoint(none, log)) << "an RSA certificate has no EC point";
+}
+
+TEST_F(CertsTest, DeferredCertificateWhoseBodyDoesNotParseFailsItsGetters)
+{
+    auto der = makeCertDer(personSpec(s_p256));
+    // notBefore as an OCTET STRING: the outline holds, the certificate does not parse.
+    const std::vector<std::uint8_t> utcTime{0x17, 0x0d};
+    const auto at = std::search(der.begin(), der.end(), utcTime.begin(), utcTime.end());
+    ASSERT_NE(at, der.end());
+    *at = 0x04;
+    _qxLogger eager;
+    EXPECT_EQ(Certificate::createFromDer(der, eager), nullptr);
+    const auto cert = Certificate::createDeferred(der, m_log);
+    ASSERT_NE(cert, nullptr);
+    XString text;
+    _qxLogger log;
+    EXPECT_FALSE(cert->getSubjectDN(text, log));
+    EXPECT_FALSE(cert->getSerialNumber(text, log));
+    EXPECT_FALSE(cert->getValidToStr(text, log));
+    EXPECT_EQ(cert->x509(), nullptr);
+    EXPECT_EQ(errorsOf(log).front(), "Invalid certificate DER.");
+    EXPECT_TRUE(cert->getSha1ThumbprintX(text, log)) << "the DER itself is still there";
 }
 
 // ---- names --------------------------------------------------------------------

@@ -3,6 +3,7 @@
 #include "MockFixture.h"
 
 #include <algorithm>
+#include <map>
 
 using namespace p11client;
 using namespace p11test;
@@ -67,6 +68,31 @@ TEST_F(ObjectsTest, FindAllKeysDescribesEachPrivateKey)
     EXPECT_EQ(text(json, "keys[0].usage.unwrap"), "<none>") << "an attribute the key lacks is left out";
     EXPECT_EQ(text(json, "keys[1].keyType"), "ec");
     EXPECT_EQ(text(json, "keys[1].curve"), "prime256v1");
+    EXPECT_EQ(json.intOf("keys[1].bits"), 256);
+}
+
+// The length pass asks again for what the first read missed, except for an
+// RSA component of an EC key or an EC attribute of an RSA key.
+TEST_F(ObjectsTest, LengthPassSkipsAttributesTheKeyTypeCannotHave)
+{
+    ClsJsonObject json;
+    mock::clearCalls();
+    ASSERT_TRUE(p11->FindAllKeys(XString(""), json));
+    std::map<CK_OBJECT_HANDLE, std::vector<std::vector<CK_ATTRIBUTE_TYPE>>> reads;
+    for (const mock::Call& c : mock::calls())
+        if (c.function == "C_GetAttributeValue")
+            reads[c.object].push_back(c.attributeTypes);
+    const auto askedAgain = [&](CK_OBJECT_HANDLE key, CK_ATTRIBUTE_TYPE type) {
+        const auto& r = reads[key];
+        return std::any_of(r.begin() + 1, r.end(),
+                           [&](const auto& t) { return std::find(t.begin(), t.end(), type) != t.end(); });
+    };
+    ASSERT_GE(reads[rsaKey].size(), 2u);
+    ASSERT_GE(reads[ecKey].size(), 2u);
+    EXPECT_TRUE(askedAgain(rsaKey, CKA_UNWRAP)) << "an attribute an RSA key may have is asked again";
+    EXPECT_FALSE(askedAgain(rsaKey, CKA_EC_PARAMS));
+    EXPECT_TRUE(askedAgain(ecKey, CKA_UNWRAP));
+    EXPECT_FALSE(askedAgain(ecKey, CKA_MODULUS));
     EXPECT_EQ(json.intOf("keys[1].bits"), 256);
 }
 
