@@ -4,7 +4,7 @@
 #include "Certificate.h"
 #include "CertificateHolder.h"
 #include "ClsCert.h"
-#include "SmartcardCertSpec.h"
+#include "CertSelectionRecord.h"
 
 #include <iterator>
 #include <string>

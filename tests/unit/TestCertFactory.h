@@ -39,7 +39,7 @@ struct CertSpec {
     std::vector<NameAttr> issuer;
 };
 
-// The DER of a certificate made to the spec; fails the running test on error.
+// The DER of a certificate made as the CertSpec describes; fails the running test on error.
 std::vector<std::uint8_t> makeCertDer(const CertSpec& spec);
 
 } // namespace p11test
