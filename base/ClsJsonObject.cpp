@@ -7,6 +7,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <climits>
+#include <cmath>
+#include <cstdint>
+
 namespace p11client {
 
 using Json = nlohmann::ordered_json;
@@ -30,6 +34,27 @@ namespace {
 // Deeper documents are refused before parsing: nothing this library reads
 // nests more than a few levels, and depth is how hostile input exhausts a stack.
 constexpr int kMaxJsonDepth = 128;
+
+// A number as a long long. A float or unsigned beyond its range has no
+// conversion, so it is clamped rather than cast.
+long long clampedInteger(const Json& node)
+{
+    if (node.is_number_unsigned()) {
+        const auto value = node.get<std::uint64_t>();
+        return value > static_cast<std::uint64_t>(LLONG_MAX) ? LLONG_MAX : static_cast<long long>(value);
+    }
+    if (node.is_number_integer())
+        return node.get<long long>();
+    const double value = node.get<double>();
+    constexpr double kTwoPow63 = 9223372036854775808.0;
+    if (std::isnan(value))
+        return 0;
+    if (value >= kTwoPow63)
+        return LLONG_MAX;
+    if (value < -kTwoPow63)
+        return LLONG_MIN;
+    return static_cast<long long>(value);
+}
 
 bool nestingWithinLimit(std::string_view text)
 {
@@ -330,7 +355,7 @@ long long ClsJsonObject::intOf(const char* path)
     CritSecExitor lock(this);
     return guarded(0LL, [&] {
         const Json* node = nodeAt(*m_doc, path);
-        return node != nullptr && node->is_number() ? node->get<long long>() : 0LL;
+        return node != nullptr && node->is_number() ? clampedInteger(*node) : 0LL;
     });
 }
 

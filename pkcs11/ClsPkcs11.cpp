@@ -38,6 +38,12 @@ void ClsPkcs11::put_SharedLibPath(const XString& path)
     m_sharedLibPath.copyFromX(path);
 }
 
+bool ClsPkcs11::hasOpenSession()
+{
+    CritSecExitor lock(this);
+    return m_hSession != 0;
+}
+
 void ClsPkcs11::get_SigContextPin(XString& out)
 {
     CritSecExitor lock(this);
@@ -58,8 +64,22 @@ bool ClsPkcs11::noFunc(const char* functionName, LogBase& log)
     return false;
 }
 
+// In a child process made by fork() the list is withheld (ModuleLibrary):
+// the object forgets the parent's session, login and initialization without
+// a word to the module, and the next Initialize, Discover or QuickSession
+// loads the library afresh in this process.
 bool ClsPkcs11::noFuncs(LogBase& log)
 {
+    if (m_dlHandle.forkedSinceOpen()) {
+        log.LogError("This process was forked after the PKCS11 library was loaded: its session and login belong "
+                     "to the parent process.");
+        log.LogInfo("Initialize loads and initializes the library afresh in this process.");
+        m_hSession = 0;
+        m_soLoggedIn = false;
+        m_userLoggedIn = false;
+        m_initialized = false;
+        return false;
+    }
     log.LogError("PKCS11 functions not available");
     log.LogDataX("sharedLibPath", m_loadedLibPath);
     return false;

@@ -55,7 +55,7 @@ public:
     void get_SigContextPin(XString& out);
     void put_SigContextPin(const XString& pin);
 
-    bool hasOpenSession() const { return m_hSession != 0; }
+    bool hasOpenSession();
 
     // Loads (if needed) and initializes the library.
     bool Initialize();
@@ -172,7 +172,7 @@ private:
     bool C_SignInit(CK_MECHANISM& mechanism, unsigned long hKey, LogBase& log);
     bool C_Sign(const DataBuffer& data, std::size_t expectedSize, DataBuffer& signature, LogBase& log);
     void refreshLoginState(LogBase& log);
-    bool pinUsable(const PinArg& pin, LogBase& log);
+    bool pinUsable(const PinArg& pin, unsigned long slotId, LogBase& log);
     void endSessionQuietly(LogBase& log);
     void finalizeQuietly(LogBase& log);
     void clearTokenCaches(LogBase& log);

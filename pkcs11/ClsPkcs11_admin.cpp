@@ -1,6 +1,8 @@
 // PIN and token administration.
 #include "ClsPkcs11.h"
 
+#include "PinArg.h"
+
 #include <cstdint>
 
 namespace p11client {
@@ -9,7 +11,10 @@ bool ClsPkcs11::SetPin(const XString& oldPin, const XString& newPin)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "SetPin");
-    const bool ok = runGuarded(m_log, [&] { return C_SetPIN(oldPin.getUtf8(), newPin.getUtf8(), m_log); });
+    const bool ok = runGuarded(m_log, [&] {
+        return pinIsWhole(oldPin, m_log) && pinIsWhole(newPin, m_log)
+            && C_SetPIN(oldPin.getUtf8(), newPin.getUtf8(), m_log);
+    });
     logSuccessFailure(ok);
     return ok;
 }
@@ -18,7 +23,7 @@ bool ClsPkcs11::InitPin(const XString& pin)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "InitPin");
-    const bool ok = runGuarded(m_log, [&] { return C_InitPIN(pin.getUtf8(), m_log); });
+    const bool ok = runGuarded(m_log, [&] { return pinIsWhole(pin, m_log) && C_InitPIN(pin.getUtf8(), m_log); });
     logSuccessFailure(ok);
     return ok;
 }
@@ -32,7 +37,9 @@ bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "FindCert_pkcs11");
     const unsigned long slot = static_cast<std::uint32_t>(slotId);
-    const bool ok = runGuarded(m_log, [&] { return C_InitToken(slot, soPin.getUtf8(), label.getUtf8(), m_log); });
+    const bool ok = runGuarded(m_log, [&] {
+        return pinIsWhole(soPin, m_log) && C_InitToken(slot, soPin.getUtf8(), label.getUtf8(), m_log);
+    });
     logSuccessFailure(ok);
     return ok;
 }

@@ -25,6 +25,10 @@ std::string loaderPathFor(const StringBuffer& path)
 bool ClsPkcs11::loadPkcs11Dll(bool stripDirectory, LogBase& log)
 {
     LogContextExitor ctx(log, "loadPkcs11Dll_nonWindows");
+    if (m_dlHandle.forkedSinceOpen()) {
+        log.LogInfo("This process was forked after the library was loaded: it is loaded afresh here.");
+        unloadModule(log);
+    }
     StringBuffer path(m_sharedLibPath.getUtf8Sb().view());
     if (stripDirectory) {
         path.stripDirectory();
@@ -77,7 +81,9 @@ void ClsPkcs11::checkSetSpecial(LogBase& log)
 // A session handle, an initialization or a cached object handle means
 // nothing once its library is gone, so they end here with it: caches
 // emptied, logged out, session closed, the module finalized when this object
-// was its last user, then dlclose.
+// was its last user, then dlclose. In a child process made by fork() the
+// session and the initialization are the parent's: they are forgotten
+// without a call into the module.
 void ClsPkcs11::unloadModule(LogBase& log)
 {
     clearTokenCaches(log);

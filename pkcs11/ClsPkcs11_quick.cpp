@@ -1,6 +1,8 @@
 // One call from nothing to a logged-in session.
 #include "ClsPkcs11.h"
 
+#include "PinArg.h"
+
 namespace p11client {
 
 bool ClsPkcs11::QuickSession(int userType, const XString& pin)
@@ -8,6 +10,8 @@ bool ClsPkcs11::QuickSession(int userType, const XString& pin)
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "QuickSession");
     return runGuarded(m_log, [&] {
+        if (!pinIsWhole(pin, m_log))
+            return false;
         if (!m_initialized && !pkcs11_initialize(m_log)) {
             m_log.LogError("Failed to initialize");
             return false;

@@ -1,6 +1,8 @@
 // Sessions and login.
 #include "ClsPkcs11.h"
 
+#include "PinArg.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -42,6 +44,8 @@ bool ClsPkcs11::Login(int userType, const XString& pin)
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "Login");
     return runGuarded(m_log, [&] {
+        if (!pinIsWhole(pin, m_log))
+            return false;
         if (userType == kUserTypeContextSpecific) {
             m_sigContextPin.copyFromX(pin);
             logContextPinKept(m_log);

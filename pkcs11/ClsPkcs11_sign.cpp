@@ -5,6 +5,7 @@
 #include "ClsCert.h"
 #include "DataBuffer.h"
 #include "HashAlgorithm.h"
+#include "PinArg.h"
 
 #include <openssl/bn.h>
 #include <openssl/ec.h>
@@ -124,6 +125,8 @@ bool ClsPkcs11::signOnToken(CK_MECHANISM& mechanism, unsigned long hKey, const D
                             std::size_t expectedSize, DataBuffer& signature, LogBase& log)
 {
     const bool contextLogin = keyNeedsContextLogin(hKey, log);
+    if (contextLogin && !pinIsWhole(m_sigContextPin, log))
+        return false;
     if (contextLogin && m_sigContextPin.isEmpty()) {
         log.LogError("The key needs the PIN at each signature: set SigContextPin or call Login with user type 2.");
         return false;

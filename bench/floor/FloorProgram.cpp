@@ -5,19 +5,21 @@
 // first one in the "findcert" job, to learn which key type to read.
 //
 //   p11floor --module PATH --pin PIN --job discover|certs|keys|findcert|pair --variant id|noid
-#include "BenchCryptoki.h"
+#include "BenchProgram.h"
+#include "SoftHsmObjects.h"
 
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
-#include <array>
 #include <cstdio>
-#include <map>
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
 
-using namespace p11bench;
+using p11test::Bytes;
+using p11test::checkCk;
+using p11test::CryptokiModule;
+using p11test::TokenSession;
 
 namespace {
 
@@ -35,13 +37,13 @@ struct Reading {
         }
     }
     // Reads the object; attributes it lacks come back unavailable.
-    void read(const Session& s, CK_OBJECT_HANDLE object)
+    void read(const TokenSession& s, CK_OBJECT_HANDLE object)
     {
         for (std::size_t i = 0; i < tmpl.size(); ++i)
             tmpl[i].ulValueLen = buffers[i].size();
         const CK_RV rv = s.functions()->C_GetAttributeValue(s.handle(), object, tmpl.data(), tmpl.size());
         if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID && rv != CKR_ATTRIBUTE_SENSITIVE)
-            check("C_GetAttributeValue", rv);
+            checkCk("C_GetAttributeValue", rv);
     }
     std::string value(std::size_t i) const
     {
@@ -52,7 +54,30 @@ struct Reading {
     }
 };
 
-std::vector<CK_OBJECT_HANDLE> searchClass(const Session& s, CK_OBJECT_CLASS cls, const CK_KEY_TYPE* keyType = nullptr)
+// Every object matching the template, fetched in batches of 512.
+std::vector<CK_OBJECT_HANDLE> findAll(const TokenSession& session, std::vector<CK_ATTRIBUTE> tmpl)
+{
+    CK_FUNCTION_LIST* f = session.functions();
+    checkCk("C_FindObjectsInit", f->C_FindObjectsInit(session.handle(), tmpl.data(), tmpl.size()));
+    std::vector<CK_OBJECT_HANDLE> found;
+    CK_OBJECT_HANDLE batch[512];
+    for (;;) {
+        CK_ULONG count = 0;
+        const CK_RV rv = f->C_FindObjects(session.handle(), batch, 512, &count);
+        if (rv != CKR_OK) {
+            f->C_FindObjectsFinal(session.handle());
+            checkCk("C_FindObjects", rv);
+        }
+        if (count == 0)
+            break;
+        found.insert(found.end(), batch, batch + count);
+    }
+    checkCk("C_FindObjectsFinal", f->C_FindObjectsFinal(session.handle()));
+    return found;
+}
+
+std::vector<CK_OBJECT_HANDLE> searchClass(const TokenSession& s, CK_OBJECT_CLASS cls,
+                                          const CK_KEY_TYPE* keyType = nullptr)
 {
     std::vector<CK_ATTRIBUTE> tmpl{{CKA_CLASS, &cls, sizeof cls}};
     CK_KEY_TYPE type = keyType != nullptr ? *keyType : 0;
@@ -68,7 +93,7 @@ struct CertRow {
     std::string pairingKey;
 };
 
-std::vector<CertRow> readCerts(const Session& s, bool byId)
+std::vector<CertRow> readCerts(const TokenSession& s, bool byId)
 {
     std::vector<CertRow> rows;
     Reading r({{CKA_VALUE, 4096}, {byId ? CKA_ID : CKA_SUBJECT, byId ? 64u : 520u}});
@@ -80,7 +105,7 @@ std::vector<CertRow> readCerts(const Session& s, bool byId)
 }
 
 // Keys by CKA_ID (or subject); the first key of a value wins, as a scan would.
-std::unordered_map<std::string, CK_OBJECT_HANDLE> readKeys(const Session& s, bool byId, const CK_KEY_TYPE* type)
+std::unordered_map<std::string, CK_OBJECT_HANDLE> readKeys(const TokenSession& s, bool byId, const CK_KEY_TYPE* type)
 {
     std::unordered_map<std::string, CK_OBJECT_HANDLE> keys;
     Reading r({{byId ? CKA_ID : CKA_SUBJECT, byId ? 64u : 520u}, {CKA_SIGN, sizeof(CK_BBOOL)}});
@@ -93,7 +118,7 @@ std::unordered_map<std::string, CK_OBJECT_HANDLE> readKeys(const Session& s, boo
     return keys;
 }
 
-long pair(const Session& s, bool byId)
+long pair(const TokenSession& s, bool byId)
 {
     const std::vector<CertRow> certs = readCerts(s, byId);
     const auto keys = readKeys(s, byId, nullptr);
@@ -104,7 +129,7 @@ long pair(const Session& s, bool byId)
 }
 
 // The first certificate's key, among the keys of its type.
-long findCert(const Session& s, bool byId)
+long findCert(const TokenSession& s, bool byId)
 {
     const std::vector<CertRow> certs = readCerts(s, byId);
     if (certs.empty())
@@ -118,7 +143,7 @@ long findCert(const Session& s, bool byId)
 }
 
 // What FindAllKeys reports of each key, in one template.
-long listKeys(const Session& s)
+long listKeys(const TokenSession& s)
 {
     Reading r({{CKA_LABEL, 128}, {CKA_ID, 64}, {CKA_KEY_TYPE, sizeof(CK_ULONG)}, {CKA_MODULUS, 520},
                {CKA_EC_PARAMS, 64}, {CKA_SIGN, 1}, {CKA_SIGN_RECOVER, 1}, {CKA_DECRYPT, 1}, {CKA_UNWRAP, 1},
@@ -132,29 +157,27 @@ long listKeys(const Session& s)
     return n;
 }
 
-long discover(Module& module)
+long discover(CryptokiModule& module)
 {
     CK_FUNCTION_LIST* f = module.functions();
     CK_INFO info{};
-    check("C_GetInfo", f->C_GetInfo(&info));
-    CK_ULONG count = 0;
-    check("C_GetSlotList", f->C_GetSlotList(CK_TRUE, nullptr, &count));
-    std::vector<CK_SLOT_ID> slots(count);
-    check("C_GetSlotList", f->C_GetSlotList(CK_TRUE, slots.data(), &count));
-    for (CK_ULONG i = 0; i < count; ++i) {
+    checkCk("C_GetInfo", f->C_GetInfo(&info));
+    const std::vector<CK_SLOT_ID> slots = module.tokenSlots();
+    for (CK_SLOT_ID id : slots) {
         CK_SLOT_INFO slot{};
         CK_TOKEN_INFO token{};
-        check("C_GetSlotInfo", f->C_GetSlotInfo(slots[i], &slot));
-        check("C_GetTokenInfo", f->C_GetTokenInfo(slots[i], &token));
+        checkCk("C_GetSlotInfo", f->C_GetSlotInfo(id, &slot));
+        checkCk("C_GetTokenInfo", f->C_GetTokenInfo(id, &token));
     }
-    return static_cast<long>(count);
+    return static_cast<long>(slots.size());
 }
 
-long run(Module& module, const std::string& job, const std::string& pin, bool byId)
+long run(CryptokiModule& module, const std::string& job, const std::string& pin, bool byId)
 {
     if (job == "discover")
         return discover(module);
-    Session s(module.functions(), module.firstTokenSlot(), false, pin);
+    TokenSession s(module.functions(), module.firstTokenSlot(), pin.empty() ? nullptr : pin.c_str(),
+                   TokenSession::Access::ReadOnly);
     if (job == "certs")
         return static_cast<long>(readCerts(s, true).size());
     if (job == "keys")
@@ -170,18 +193,12 @@ long run(Module& module, const std::string& job, const std::string& pin, bool by
 
 int main(int argc, char** argv)
 {
-    try {
-        std::map<std::string, std::string> args;
-        for (int i = 1; i + 1 < argc; i += 2)
-            args[argv[i]] = argv[i + 1];
-        Module module(args["--module"]);
+    return p11bench::runTool("p11floor", argc, argv, [](p11bench::Args& args) {
+        CryptokiModule module(args["--module"]);
         module.initialize();
         const long result = run(module, args["--job"], args["--pin"], args["--variant"] != "noid");
         module.finalize();
         std::printf("%ld\n", result);
         return 0;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "p11floor: %s\n", e.what());
-        return 1;
-    }
+    });
 }

@@ -13,6 +13,7 @@
 // took in the process, the seconds of its certificate work (outline, key type,
 // EC point) and the seconds that parsing every certificate with d2i_X509
 // would add, which the cache no longer spends.
+#include "BenchProgram.h"
 #include "Certificate.h"
 #include "ClsCert.h"
 #include "ClsJsonObject.h"
@@ -24,7 +25,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -130,10 +130,7 @@ double fullParseSeconds(const std::vector<DataBuffer>& ders)
 
 int main(int argc, char** argv)
 {
-    try {
-        std::map<std::string, std::string> args;
-        for (int i = 1; i + 1 < argc; i += 2)
-            args[argv[i]] = argv[i + 1];
+    return p11bench::runTool("p11bench_lib", argc, argv, [](p11bench::Args& args) {
         std::unique_ptr<ClsPkcs11> p11(ClsPkcs11::createNewCls());
         if (!p11)
             throw std::runtime_error("no module object");
@@ -149,8 +146,5 @@ int main(int argc, char** argv)
         else
             std::printf("%ld\n", result);
         return 0;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "p11bench_lib: %s\n", e.what());
-        return 1;
-    }
+    });
 }

@@ -4,12 +4,14 @@
 // each so that both see the same machine. Prints the per-signature medians.
 //
 //   p11bench_sign --module PATH --pin PIN --key rsa|ec [--signatures 1000]
-#include "BenchCryptoki.h"
+#include "BenchProgram.h"
 #include "Certificate.h"
 #include "ClsCert.h"
 #include "ClsPkcs11.h"
 #include "DataBuffer.h"
 #include "LogBase.h"
+#include "SoftHsmObjects.h"
+#include "TokenSignature.h"
 #include "XString.h"
 
 #include <openssl/rand.h>
@@ -18,19 +20,15 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
 using namespace p11client;
+using p11test::Bytes;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-// The DER prefix of a SHA-256 DigestInfo, as PKCS#1 v1.5 signs it.
-constexpr std::array<std::uint8_t, 19> kSha256Prefix{0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
-                                                     0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
 
 double micros(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double, std::micro>(b - a).count(); }
 
@@ -56,40 +54,27 @@ struct Timings {
     std::vector<double> bare;
 };
 
-// What the token signs for a digest: a DigestInfo for RSA PKCS#1 v1.5, the
-// digest itself for ECDSA.
-p11bench::Bytes signingInput(bool ec, const p11bench::Bytes& digest)
-{
-    p11bench::Bytes input;
-    input.reserve(kSha256Prefix.size() + digest.size());
-    if (!ec)
-        for (std::uint8_t b : kSha256Prefix)
-            input.push_back(b);
-    for (std::uint8_t b : digest)
-        input.push_back(b);
-    return input;
-}
-
-void bareSign(const p11bench::Session& s, CK_OBJECT_HANDLE key, bool ec, p11bench::Bytes& input)
+void bareSign(const p11test::TokenSession& s, CK_OBJECT_HANDLE key, bool ec, Bytes& input)
 {
     CK_MECHANISM mechanism{ec ? CKM_ECDSA : CKM_RSA_PKCS, nullptr, 0};
     std::array<std::uint8_t, 512> sig{};
     CK_ULONG sigLen = ec ? 64 : 256;
-    p11bench::check("C_SignInit", s.functions()->C_SignInit(s.handle(), &mechanism, key));
-    p11bench::check("C_Sign", s.functions()->C_Sign(s.handle(), input.data(), input.size(), sig.data(), &sigLen));
+    p11test::checkCk("C_SignInit", s.functions()->C_SignInit(s.handle(), &mechanism, key));
+    p11test::checkCk("C_Sign", s.functions()->C_Sign(s.handle(), input.data(), input.size(), sig.data(), &sigLen));
 }
 
 Timings run(ClsPkcs11& p11, const std::string& modulePath, const std::string& key, int count)
 {
     ClsCert cert;
     const std::shared_ptr<Certificate> certificate = linkedCert(p11, key, cert);
-    p11bench::Module module(modulePath); // the image the library loaded, already initialized
-    p11bench::Session session(module.functions(), module.firstTokenSlot(), false, "");
-    std::vector<p11bench::Bytes> digests(static_cast<std::size_t>(count), p11bench::Bytes(32));
-    std::vector<p11bench::Bytes> inputs;
-    for (p11bench::Bytes& d : digests) {
+    p11test::CryptokiModule module(modulePath); // the image the library loaded, already initialized
+    p11test::TokenSession session(module.functions(), module.firstTokenSlot(), nullptr,
+                                  p11test::TokenSession::Access::ReadOnly);
+    std::vector<Bytes> digests(static_cast<std::size_t>(count), Bytes(32));
+    std::vector<Bytes> inputs;
+    for (Bytes& d : digests) {
         RAND_bytes(d.data(), static_cast<int>(d.size()));
-        inputs.push_back(signingInput(key == "ec", d));
+        inputs.push_back(p11test::signingInput(key == "ec", d));
     }
     Timings t;
     const XString sha256("sha256");
@@ -116,10 +101,7 @@ Timings run(ClsPkcs11& p11, const std::string& modulePath, const std::string& ke
 
 int main(int argc, char** argv)
 {
-    try {
-        std::map<std::string, std::string> args;
-        for (int i = 1; i + 1 < argc; i += 2)
-            args[argv[i]] = argv[i + 1];
+    return p11bench::runTool("p11bench_sign", argc, argv, [](p11bench::Args& args) {
         const int count = args.count("--signatures") != 0 ? std::stoi(args["--signatures"]) : 1000;
         std::unique_ptr<ClsPkcs11> p11(ClsPkcs11::createNewCls());
         p11->put_SharedLibPath(XString(args["--module"].c_str()));
@@ -131,8 +113,5 @@ int main(int argc, char** argv)
         std::printf("signatures=%d libraryMedianUs=%.2f bareMedianUs=%.2f overheadPercent=%.2f\n", count, lib, bare,
                     100.0 * (lib - bare) / bare);
         return 0;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "p11bench_sign: %s\n", e.what());
-        return 1;
-    }
+    });
 }

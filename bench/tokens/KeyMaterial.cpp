@@ -14,8 +14,6 @@ namespace fs = std::filesystem;
 
 namespace p11bench {
 
-void PkeyFree::operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-
 namespace {
 
 std::string keyPath(const std::string& dir, KeyKind kind, std::size_t index)
@@ -25,15 +23,20 @@ std::string keyPath(const std::string& dir, KeyKind kind, std::size_t index)
     return dir + "/" + name;
 }
 
-Pkey readKey(const std::string& path)
+TestKey readKey(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     const std::vector<unsigned char> der((std::istreambuf_iterator<char>(in)), {});
     const unsigned char* p = der.data();
-    Pkey key(d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(der.size())));
-    if (!key)
+    EVP_PKEY* key = d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(der.size()));
+    if (key == nullptr)
         throw std::runtime_error("unreadable key " + path);
-    return key;
+    return TestKey(key, EVP_PKEY_free);
+}
+
+TestKey generateKey(KeyKind kind)
+{
+    return kind == KeyKind::Rsa2048 ? p11test::makeRsaKey(2048) : p11test::makeEcKey("P-256");
 }
 
 void writeKey(const std::string& path, EVP_PKEY* key)
@@ -50,16 +53,7 @@ void writeKey(const std::string& path, EVP_PKEY* key)
 
 } // namespace
 
-Pkey generateKey(KeyKind kind)
-{
-    EVP_PKEY* key = kind == KeyKind::Rsa2048 ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(2048))
-                                             : EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
-    if (key == nullptr)
-        throw std::runtime_error("key generation failed");
-    return Pkey(key);
-}
-
-std::vector<Pkey> loadOrMakeKeys(const std::string& cacheDir, KeyKind kind, std::size_t count)
+std::vector<TestKey> loadOrMakeKeys(const std::string& cacheDir, KeyKind kind, std::size_t count)
 {
     fs::create_directories(cacheDir);
     std::vector<std::size_t> missing;
@@ -84,7 +78,7 @@ std::vector<Pkey> loadOrMakeKeys(const std::string& cacheDir, KeyKind kind, std:
         w.join();
     if (failed)
         throw std::runtime_error("key generation failed");
-    std::vector<Pkey> keys;
+    std::vector<TestKey> keys;
     for (std::size_t i = 0; i < count; ++i)
         keys.push_back(readKey(keyPath(cacheDir, kind, i)));
     return keys;

@@ -4,25 +4,19 @@
 // (rsa-0000.der, ec-0000.der, ...) in a cache directory, so that tokens of
 // any size are rebuilt from the same keys without generating them again.
 
-#include <openssl/types.h>
+#include "TestCertFactory.h"
 
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace p11bench {
 
-struct PkeyFree {
-    void operator()(EVP_PKEY* key) const;
-};
-using Pkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
+using p11test::TestKey;
 
 enum class KeyKind { Rsa2048, EcP256 };
 
 // The first count keys of the kind, generating (on every core) those the
 // cache directory lacks.
-std::vector<Pkey> loadOrMakeKeys(const std::string& cacheDir, KeyKind kind, std::size_t count);
-
-Pkey generateKey(KeyKind kind);
+std::vector<TestKey> loadOrMakeKeys(const std::string& cacheDir, KeyKind kind, std::size_t count);
 
 } // namespace p11bench

@@ -8,27 +8,26 @@
 // public key). Variant "noid": no object has a CKA_ID; every EC key and every
 // other RSA key carries the certificate's subject as CKA_SUBJECT, so RSA
 // certificates pair by subject or by modulus.
-#include "BenchCerts.h"
-#include "BenchCryptoki.h"
+#include "BenchProgram.h"
 #include "KeyMaterial.h"
-#include "TokenObjects.h"
+#include "SoftHsmObjects.h"
+#include "SoftHsmToken.h"
+
+#include <openssl/sha.h>
+#include <openssl/x509.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <stdexcept>
 #include <string>
 
 namespace fs = std::filesystem;
-using namespace p11bench;
+using namespace p11test;
 
 namespace {
 
 constexpr const char* kLabel = "p11client-bench";
-constexpr const char* kSoPin = "12345678";
-constexpr const char* kUserPin = "1234";
 
 struct Options {
     std::string store;
@@ -38,29 +37,51 @@ struct Options {
     bool withIds = true;
 };
 
-Options parse(int argc, char** argv)
+Options parse(p11bench::Args& args)
 {
-    std::map<std::string, std::string> args;
-    for (int i = 1; i + 1 < argc; i += 2)
-        args[argv[i]] = argv[i + 1];
     Options o{args["--store"], args["--keys"], args["--module"], std::stoul(args["--pairs"]), args["--variant"] != "noid"};
     if (o.store.empty() || o.keys.empty() || o.module.empty() || o.pairs == 0)
         throw std::runtime_error("usage: --store DIR --pairs N --variant id|noid --keys DIR --module PATH");
     return o;
 }
 
-void initStore(const std::string& store)
+// Certificates issued by a throwaway P-256 CA, with the extensions an
+// end-entity signing certificate usually carries.
+class BenchCa {
+public:
+    BenchCa() : m_key(makeEcKey("P-256")) {}
+
+    // serial must be unique.
+    Bytes issue(const TestKey& key, const std::string& commonName, long serial) const
+    {
+        CertSpec spec;
+        spec.key = key;
+        spec.subject = {{"C", "FR"}, {"O", "p11client bench"}, {"OU", "Signing"}, {"CN", commonName}};
+        spec.serial = {static_cast<std::uint8_t>(serial >> 16), static_cast<std::uint8_t>(serial >> 8),
+                       static_cast<std::uint8_t>(serial)};
+        spec.keyUsage = "critical,digitalSignature,nonRepudiation";
+        spec.extensions = {{"basicConstraints", "critical,CA:FALSE"}, {"extendedKeyUsage", "clientAuth,emailProtection"}};
+        spec.validDays = 10 * 365;
+        spec.issuerKey = m_key;
+        spec.issuer = {{"O", "p11client bench"}, {"CN", "p11client bench CA"}};
+        return makeCertDer(spec);
+    }
+
+private:
+    TestKey m_key;
+};
+
+// The CKA_ID tools give a key pair: the SHA-1 of the public key's DER.
+Bytes publicKeyId(EVP_PKEY* key)
 {
-    fs::remove_all(store);
-    fs::create_directories(store + "/tokens");
-    std::ofstream(store + "/softhsm2.conf") << "directories.tokendir = " << fs::absolute(store).string() << "/tokens\n"
-                                            << "objectstore.backend = file\n"
-                                            << "log.level = ERROR\n";
-    ::setenv("SOFTHSM2_CONF", (store + "/softhsm2.conf").c_str(), 1);
-    const std::string command = std::string("softhsm2-util --init-token --free --label ") + kLabel + " --so-pin "
-        + kSoPin + " --pin " + kUserPin + " >/dev/null";
-    if (std::system(command.c_str()) != 0)
-        throw std::runtime_error("softhsm2-util --init-token failed");
+    unsigned char* der = nullptr;
+    const int size = i2d_PUBKEY(key, &der);
+    if (size <= 0)
+        throw std::runtime_error("cannot encode a public key");
+    Bytes id(SHA_DIGEST_LENGTH);
+    SHA1(der, static_cast<std::size_t>(size), id.data());
+    OPENSSL_free(der);
+    return id;
 }
 
 std::string name(const char* kind, std::size_t i)
@@ -72,30 +93,32 @@ std::string name(const char* kind, std::size_t i)
 
 // One certificate and its key; keyWithSubject puts CKA_SUBJECT on a key
 // without CKA_ID.
-void addPair(const Session& session, const BenchCa& ca, EVP_PKEY* key, const std::string& label, long serial,
-             bool withIds, bool keyWithSubject)
+void addPair(const TokenSession& session, const BenchCa& ca, const TestKey& key, const std::string& label,
+             long serial, bool withIds, bool keyWithSubject)
 {
-    const IssuedCert cert = ca.issue(key, label, serial);
-    const Bytes id = withIds ? cert.keyId : Bytes();
-    createPrivateKey(session, key, {label, id, keyWithSubject && !withIds ? cert.subjectDer : Bytes()});
-    createCertificate(session, {cert.der, cert.subjectDer, cert.issuerDer, cert.serialDer},
-                      {label, id, cert.subjectDer});
+    const Bytes der = ca.issue(key, label, serial);
+    const Bytes id = withIds ? publicKeyId(key.get()) : Bytes();
+    importPrivateKey(session, key.get(), {label, id, keyWithSubject && !withIds ? subjectDerOf(der) : Bytes()});
+    importCertificate(session, der, {label, id});
 }
 
 void fill(const Options& o)
 {
-    const std::vector<Pkey> rsa = loadOrMakeKeys(o.keys, KeyKind::Rsa2048, o.pairs);
-    const std::vector<Pkey> ec = loadOrMakeKeys(o.keys, KeyKind::EcP256, o.pairs);
-    initStore(o.store);
-    Module module(o.module);
+    const std::vector<TestKey> rsa = p11bench::loadOrMakeKeys(o.keys, p11bench::KeyKind::Rsa2048, o.pairs);
+    const std::vector<TestKey> ec = p11bench::loadOrMakeKeys(o.keys, p11bench::KeyKind::EcP256, o.pairs);
+    fs::remove_all(o.store);
+    fs::create_directories(o.store);
+    SoftHsmToken::makeStore(o.store);
+    SoftHsmToken::initToken(kLabel);
+    CryptokiModule module(o.module);
     module.initialize();
     {
-        Session session(module.functions(), module.firstTokenSlot(), true, kUserPin);
+        TokenSession session(module.functions(), module.firstTokenSlot(), SoftHsmToken::kUserPin);
         const BenchCa ca;
         for (std::size_t i = 0; i < o.pairs; ++i) {
             const long serial = static_cast<long>(2 * i + 1);
-            addPair(session, ca, rsa[i].get(), name("rsa", i), serial, o.withIds, i % 2 == 0);
-            addPair(session, ca, ec[i].get(), name("ec", i), serial + 1, o.withIds, true);
+            addPair(session, ca, rsa[i], name("rsa", i), serial, o.withIds, i % 2 == 0);
+            addPair(session, ca, ec[i], name("ec", i), serial + 1, o.withIds, true);
         }
     }
     module.finalize();
@@ -106,11 +129,8 @@ void fill(const Options& o)
 
 int main(int argc, char** argv)
 {
-    try {
-        fill(parse(argc, argv));
+    return p11bench::runTool("p11bench_mktoken", argc, argv, [](p11bench::Args& args) {
+        fill(parse(args));
         return 0;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "p11bench_mktoken: %s\n", e.what());
-        return 1;
-    }
+    });
 }

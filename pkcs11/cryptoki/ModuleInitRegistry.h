@@ -2,6 +2,8 @@
 
 #include "Cryptoki.h"
 
+#include <optional>
+
 namespace p11client {
 
 // C_Initialize and C_Finalize act on a module image for the whole process,
@@ -10,12 +12,25 @@ namespace p11client {
 // module is initialized by the first and finalized only after the last lets
 // go, and never finalized at all when someone outside this library had
 // initialized it first.
+//
+// It also decides how the image may be called. A module that cannot use the
+// operating system's locks (CKR_CANT_LOCK) is initialized without arguments
+// instead, and every object then calls it through one serializing function
+// list, so that no two calls are ever inside it at once.
+//
+// Entries belong to the process that made them: in a child made by fork()
+// the parent's entries are stale and ignored, so the child initializes the
+// module for itself and never finalizes what the parent initialized.
 class ModuleInitRegistry {
 public:
     struct Outcome {
         CK_RV rv = CKR_OK;             // what C_Initialize returned, when it was called
         bool calledInitialize = false; // false: another object had already initialized it
         bool initializedElsewhere = false; // the module said it was initialized by someone else
+        bool inheritedFromParent = false;  // ... by this process's parent, before fork()
+        bool cannotLock = false;           // the module refused the operating system's locks
+        bool noSerializerLeft = false;     // ... and too many such modules are in use to call it safely
+        CK_FUNCTION_LIST* functions = nullptr; // the list to call the module through
     };
 
     // Initializes the image unless one of our objects already did, and counts
@@ -23,7 +38,15 @@ public:
     static Outcome acquire(void* image, CK_FUNCTION_LIST* functions);
     // Drops one user; the last one out finalizes the module (when we
     // initialized it). Returns true when C_Finalize was called.
-    static bool release(void* image, CK_FUNCTION_LIST* functions);
+    static bool release(void* image);
+    // For an image in use that cannot lock: the module's own list and the
+    // serializing one to call it through. Such an image is never asked for
+    // its list again, since that call too would come beside the serialized ones.
+    struct SerializedLists {
+        CK_FUNCTION_LIST* module;
+        CK_FUNCTION_LIST* serialized;
+    };
+    static std::optional<SerializedLists> serializedLists(void* image);
     // How many objects currently use the image (for diagnostics and tests).
     static int users(void* image);
 };

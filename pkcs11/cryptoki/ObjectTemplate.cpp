@@ -35,6 +35,50 @@ std::optional<DataBuffer> fromText(AttributeKind kind, const StringBuffer& text)
     return named ? std::optional<DataBuffer>(ulongBytes(*named)) : std::nullopt;
 }
 
+bool isNumberKind(AttributeKind kind)
+{
+    return kind == AttributeKind::Ulong || kind == AttributeKind::Class || kind == AttributeKind::KeyType
+        || kind == AttributeKind::CertType;
+}
+
+// A JSON number that is a whole, non-negative number, as written.
+std::optional<CK_ULONG> wholeNumberAt(ClsJsonObject& search, const char* path)
+{
+    StringBuffer text;
+    LogNull quiet;
+    search.sbOfPathUtf8(path, text, quiet);
+    const std::string_view digits = text.view();
+    if (digits.empty() || digits.size() > 19 || digits.find_first_not_of("0123456789") != std::string_view::npos)
+        return std::nullopt;
+    return static_cast<CK_ULONG>(search.intOf(path));
+}
+
+// The member's value as the attribute takes it. A JSON type the attribute
+// cannot hold has no value: sent as raw bytes, it would make the search
+// match something other than what was asked for.
+std::optional<DataBuffer> valueOf(ClsJsonObject& search, const char* path, AttributeKind kind)
+{
+    LogNull quiet;
+    switch (search.jsonTypeOf(path)) {
+    case ClsJsonObject::kTypeBool: {
+        if (kind != AttributeKind::Bool)
+            return std::nullopt;
+        const CK_BBOOL b = search.boolOf(path, quiet) ? CK_TRUE : CK_FALSE;
+        return DataBuffer(&b, sizeof b);
+    }
+    case ClsJsonObject::kTypeNumber: {
+        const std::optional<CK_ULONG> number = isNumberKind(kind) ? wholeNumberAt(search, path) : std::nullopt;
+        return number ? std::optional<DataBuffer>(ulongBytes(*number)) : std::nullopt;
+    }
+    case ClsJsonObject::kTypeString: {
+        StringBuffer text;
+        search.sbOfPathUtf8(path, text, quiet);
+        return fromText(kind, text);
+    }
+    default: return std::nullopt;
+    }
+}
+
 } // namespace
 
 void ObjectTemplate::add(CK_ATTRIBUTE_TYPE type, DataBuffer value)
@@ -45,20 +89,7 @@ void ObjectTemplate::add(CK_ATTRIBUTE_TYPE type, DataBuffer value)
 
 bool ObjectTemplate::addMember(ClsJsonObject& search, const char* path, CK_ATTRIBUTE_TYPE type, LogBase& log)
 {
-    LogNull quiet;
-    std::optional<DataBuffer> value;
-    const AttributeKind kind = attributeKind(type);
-    const int jsonType = search.jsonTypeOf(path);
-    if (jsonType == ClsJsonObject::kTypeBool) {
-        const CK_BBOOL b = search.boolOf(path, quiet) ? CK_TRUE : CK_FALSE;
-        value = DataBuffer(&b, sizeof b);
-    } else if (jsonType == ClsJsonObject::kTypeNumber && search.intOf(path) >= 0) {
-        value = ulongBytes(static_cast<CK_ULONG>(search.intOf(path)));
-    } else if (jsonType == ClsJsonObject::kTypeString) {
-        StringBuffer text;
-        search.sbOfPathUtf8(path, text, quiet);
-        value = fromText(kind, text);
-    }
+    std::optional<DataBuffer> value = valueOf(search, path, attributeKind(type));
     if (!value) {
         log.LogError("The search template has a value that does not fit its attribute.");
         log.LogData("member", path);
@@ -87,6 +118,11 @@ bool ObjectTemplate::build(ClsJsonObject& search, LogBase& log)
         if (search.jsonTypeOf(s.member) != ClsJsonObject::kTypeMissing && !addMember(search, s.member, s.type, log))
             return false;
 
+    const int attributesType = search.jsonTypeOf("attributes");
+    if (attributesType != ClsJsonObject::kTypeMissing && attributesType != ClsJsonObject::kTypeObject) {
+        log.LogError("The search template's attributes member is not an object.");
+        return false;
+    }
     const int n = search.sizeOfObject("attributes");
     for (int i = 0; i < n; ++i) {
         StringBuffer name;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "Cryptoki.h"
+#include "LogBase.h"
+#include "XString.h"
 
 #include <cstring>
 
@@ -19,5 +21,15 @@ struct PinArg {
             bytes = reinterpret_cast<CK_UTF8CHAR_PTR>(const_cast<char*>(pin));
     }
 };
+
+// A PIN travels to the module as a C string: one with a NUL inside would
+// arrive cut short, and a token could accept the shorter PIN.
+inline bool pinIsWhole(const XString& pin, LogBase& log)
+{
+    if (std::strlen(pin.getUtf8()) == pin.getSizeUtf8())
+        return true;
+    log.LogError("The PIN contains a NUL character.");
+    return false;
+}
 
 } // namespace p11client

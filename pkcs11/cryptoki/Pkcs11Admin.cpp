@@ -21,7 +21,7 @@ bool ClsPkcs11::C_SetPIN(const char* oldPin, const char* newPin, LogBase& log)
         return false;
     const PinArg oldArg(oldPin);
     const PinArg newArg(newPin);
-    if (!pinUsable(oldArg, log) || !pinUsable(newArg, log))
+    if (!pinUsable(oldArg, m_slotId, log) || !pinUsable(newArg, m_slotId, log))
         return false;
     return checkRv("C_SetPIN", f->C_SetPIN(m_hSession, oldArg.bytes, oldArg.size, newArg.bytes, newArg.size), log);
 }
@@ -32,7 +32,7 @@ bool ClsPkcs11::C_InitPIN(const char* pin, LogBase& log)
     if (f == nullptr)
         return false;
     const PinArg arg(pin);
-    if (!pinUsable(arg, log))
+    if (!pinUsable(arg, m_slotId, log))
         return false;
     return checkRv("C_InitPIN", f->C_InitPIN(m_hSession, arg.bytes, arg.size), log);
 }
@@ -54,6 +54,8 @@ bool ClsPkcs11::C_InitToken(unsigned long slotId, const char* soPin, const char*
     if (labelSize != 0)
         std::memcpy(paddedLabel, label, labelSize);
     const PinArg arg(soPin);
+    if (!pinUsable(arg, slotId, log))
+        return false;
     return checkRv("C_InitToken", f->C_InitToken(slotId, arg.bytes, arg.size, paddedLabel), log);
 }
 

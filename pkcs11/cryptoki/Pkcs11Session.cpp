@@ -5,6 +5,7 @@
 #include "PinArg.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace p11client {
 
@@ -20,6 +21,35 @@ bool sessionIsGone(CK_RV rv)
 {
     return rv == CKR_OK || rv == CKR_SESSION_CLOSED || rv == CKR_SESSION_HANDLE_INVALID
         || rv == CKR_DEVICE_REMOVED || rv == CKR_TOKEN_NOT_PRESENT;
+}
+
+// Return values by which a token refuses the PIN itself.
+bool pinRefused(CK_RV rv)
+{
+    return rv == CKR_PIN_INCORRECT || rv == CKR_PIN_INVALID || rv == CKR_PIN_LEN_RANGE || rv == CKR_PIN_EXPIRED
+        || rv == CKR_PIN_LOCKED;
+}
+
+// The token's flags, when the module tells them.
+std::optional<CK_FLAGS> tokenFlags(CK_FUNCTION_LIST* f, CK_SLOT_ID slotId)
+{
+    CK_TOKEN_INFO info{};
+    if (f == nullptr || f->C_GetTokenInfo == nullptr || f->C_GetTokenInfo(slotId, &info) != CKR_OK)
+        return std::nullopt;
+    return info.flags;
+}
+
+// Before a login: a PIN the token has locked, or one wrong try away from
+// locking, is worth saying before the token is asked.
+void warnAboutPinState(CK_FLAGS flags, CK_USER_TYPE userType, LogBase& log)
+{
+    const bool so = userType == CKU_SO;
+    if ((flags & (so ? CKF_SO_PIN_LOCKED : CKF_USER_PIN_LOCKED)) != 0)
+        log.LogInfo(so ? "Warning: the token reports the security officer PIN as locked."
+                       : "Warning: the token reports the user PIN as locked.");
+    else if ((flags & (so ? CKF_SO_PIN_FINAL_TRY : CKF_USER_PIN_FINAL_TRY)) != 0)
+        log.LogInfo(so ? "Warning: the token reports one try left for the security officer PIN; a wrong PIN locks it."
+                       : "Warning: the token reports one try left for the user PIN; a wrong PIN locks it.");
 }
 
 } // namespace
@@ -60,6 +90,9 @@ bool ClsPkcs11::getSlotIdsWithTokenPresent(unsigned long* ids, unsigned int& cou
     std::vector<unsigned long> slotIds;
     if (!getSlotList(true, slotIds, log))
         return false;
+    // Only session opening asks, and without a token there is none to open.
+    if (slotIds.empty())
+        log.LogError("No slot has a token.");
     if (slotIds.size() > count)
         log.LogInfo("Only the first slots of the list are considered.");
     const std::size_t n = std::min<std::size_t>(slotIds.size(), count);
@@ -84,6 +117,10 @@ bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool quiet, bool readWrite, 
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
     if (!checkRv("C_OpenSession", f->C_OpenSession(slotId, flags, nullptr, nullptr, &session), log, quiet))
         return false;
+    if (session == CK_INVALID_HANDLE) {
+        log.LogError("C_OpenSession returned no session handle.");
+        return false;
+    }
     m_hSession = session;
     refreshLoginState(log);
     return true;
@@ -137,14 +174,14 @@ void ClsPkcs11::endSessionQuietly(LogBase& log)
 
 // An empty PIN is only usable on a token with a PIN pad, where the user
 // types it on the reader.
-bool ClsPkcs11::pinUsable(const PinArg& pin, LogBase& log)
+bool ClsPkcs11::pinUsable(const PinArg& pin, unsigned long slotId, LogBase& log)
 {
     if (pin.size != 0)
         return true;
     CK_FUNCTION_LIST* f = m_dlHandle.functions();
     CK_TOKEN_INFO info{};
     const bool pinPad = f != nullptr && f->C_GetTokenInfo != nullptr
-        && checkRv("C_GetTokenInfo", f->C_GetTokenInfo(m_slotId, &info), log, true)
+        && checkRv("C_GetTokenInfo", f->C_GetTokenInfo(slotId, &info), log, true)
         && (info.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
     if (!pinPad)
         log.LogError("The PIN is empty.");
@@ -158,15 +195,26 @@ bool ClsPkcs11::C_Login(int userType, const char* pin, bool quiet, LogBase& log)
         return false;
     log.LogDataLong("userType", userType);
     const PinArg pinArg(pin);
-    if (!pinUsable(pinArg, log))
+    if (!pinUsable(pinArg, m_slotId, log))
         return false;
+    if (userType == CKU_SO || userType == CKU_USER) {
+        if (const std::optional<CK_FLAGS> flags = tokenFlags(f, m_slotId))
+            warnAboutPinState(*flags, static_cast<CK_USER_TYPE>(userType), log);
+    }
     CK_RV rv = f->C_Login(m_hSession, static_cast<CK_USER_TYPE>(userType), pinArg.bytes, pinArg.size);
     if (rv == CKR_USER_ALREADY_LOGGED_IN) {
         log.LogInfo("Already logged in.");
         rv = CKR_OK;
     }
-    if (!checkRv("C_Login", rv, log, quiet))
+    if (!checkRv("C_Login", rv, log, quiet)) {
+        // The PIN kept for signing would be offered again at the next
+        // signature: a PIN the token refused is never tried twice.
+        if (userType == CKU_CONTEXT_SPECIFIC && pinRefused(rv) && !m_sigContextPin.isEmpty()) {
+            m_sigContextPin.clear();
+            log.LogInfo("The context-specific PIN was refused; it is forgotten and not tried again.");
+        }
         return false;
+    }
     // Many tokens show private keys, and some certificates, only after a
     // login: the next search must see what this one revealed. A
     // context-specific login reveals nothing; it authorizes one signature.

@@ -47,6 +47,11 @@ void reset() {
     s.initializeCount = 0;
     s.finalizeCount = 0;
     s.lastSignature.reset();
+    s.queuedVerdicts.clear();
+    s.hostileStream.clear();
+    s.hostilePos = 0;
+    stopWorker(s);
+    s.setBehaviour(imageBehaviour());
 }
 
 std::string modulePath() {
@@ -62,6 +67,14 @@ std::string noFunctionListModulePath() {
 
 std::string nullFunctionListModulePath() {
     return directoryOf(modulePath()) + "libmockp11_nulllist.so";
+}
+
+std::string workerThreadModulePath() {
+    return directoryOf(modulePath()) + "libmockp11_worker.so";
+}
+
+std::string noLockingModulePath() {
+    return directoryOf(modulePath()) + "libmockp11_nolock.so";
 }
 
 void setLibraryInfo(const LibrarySpec& info) {
@@ -124,6 +137,32 @@ void afterCall(const std::string& function, std::function<void()> action, int ti
     if (times == 0 || times < -1) throw std::invalid_argument("mock: times must be positive or -1");
     Lock lock(state().mutex);
     state().afterCallActions[function].push_back(AfterCallAction{.action = std::move(action), .remaining = times});
+}
+
+void lie(const std::string& function, Lie lie, CK_ULONG value, int times) {
+    if (times == 0 || times < -1) throw std::invalid_argument("mock: times must be positive or -1");
+    Verdict v{.kind = Verdict::Kind::lie, .rv = value, .garbage = false, .lie = lie, .value = value, .remaining = times};
+    Lock lock(state().mutex);
+    state().queuedVerdicts[function].push_back(v);
+}
+
+void failWithGarbage(const std::string& function, CK_RV rv, int times) {
+    if (times == 0 || times < -1) throw std::invalid_argument("mock: times must be positive or -1");
+    Verdict v{.kind = Verdict::Kind::fail, .rv = rv, .garbage = true, .lie = Lie::doneButFailed, .value = rv,
+              .remaining = times};
+    Lock lock(state().mutex);
+    state().queuedVerdicts[function].push_back(v);
+}
+
+void setHostileStream(std::vector<uint8_t> bytes) {
+    Lock lock(state().mutex);
+    state().hostileStream = std::move(bytes);
+    state().hostilePos = 0;
+}
+
+size_t hostileBytesLeft() {
+    Lock lock(state().mutex);
+    return state().hostileStream.size() - state().hostilePos;
 }
 
 std::vector<Call> calls() {
@@ -208,6 +247,25 @@ size_t activeFindOperations() {
 std::optional<SignRecord> lastSignature() {
     Lock lock(state().mutex);
     return state().lastSignature;
+}
+
+long overlappingCalls() { return state().overlaps.load(); }
+
+void clearOverlappingCalls() { state().overlaps = 0; }
+
+bool workerRunning() {
+    Lock lock(state().mutex);
+    return state().worker != nullptr;
+}
+
+void setBehaviour(const Behaviour& behaviour) {
+    Lock lock(state().mutex);
+    state().setBehaviour(behaviour);
+}
+
+Behaviour behaviour() {
+    Lock lock(state().mutex);
+    return state().behaviour;
 }
 
 }  // namespace mock

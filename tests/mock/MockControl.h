@@ -22,7 +22,11 @@
 #include <utility>
 #include <vector>
 
+// The module variants build the control API hidden (-DMOCK_API=), so that it
+// stays theirs; they are reached through mockp11_control() instead.
+#ifndef MOCK_API
 #define MOCK_API __attribute__((visibility("default")))
+#endif
 
 namespace mock {
 
@@ -117,6 +121,15 @@ MOCK_API std::string modulePath();
 MOCK_API std::string noFunctionListModulePath();
 MOCK_API std::string nullFunctionListModulePath();
 
+// Full modules built from the same sources, each its own shared library:
+// one whose C_Initialize starts a thread that its C_Finalize stops (unloading it
+// with the thread still running aborts the process, as a real one would crash),
+// and one that cannot use the operating system's locks: C_Initialize with
+// CKF_OS_LOCKING_OK and no mutex callbacks answers CKR_CANT_LOCK, and without
+// arguments it succeeds on the promise that calls come one at a time.
+MOCK_API std::string workerThreadModulePath();
+MOCK_API std::string noLockingModulePath();
+
 // --- set-up ----------------------------------------------------------------
 MOCK_API void setLibraryInfo(const LibrarySpec& info);
 MOCK_API void addSlot(CK_SLOT_ID id, const SlotSpec& spec);  // slots list in the order added
@@ -137,6 +150,68 @@ MOCK_API void failCall(const std::string& function, CK_RV rv, int times = 1);
 // call), outside the module's lock, before the caller gets the result: e.g. add
 // a slot between the two C_GetSlotList calls, or pull the token mid-search.
 MOCK_API void afterCall(const std::string& function, std::function<void()> action, int times = 1);
+
+// --- hostile mode --------------------------------------------------------------
+// Ways a module lies. Each applies to the functions named; liesFor() lists them.
+enum class Lie : uint8_t {
+    // Any function.
+    doneButFailed,   // does the work, then returns the error given as the lie's value
+    okWithoutDoing,  // CKR_OK without doing anything; out-parameters untouched
+    // C_GetAttributeValue (every attribute of the template, or the one at the
+    // lie's value when it is below the template size), C_Sign and the count
+    // call of C_GetSlotList: the length reported instead of the true one,
+    // with the return value the honest call had. "Under" and "over" are
+    // relative to the buffer given, or to the true length in a length query.
+    lengthZero,
+    lengthOne,
+    lengthJustUnder,
+    lengthJustOver,
+    length2Pow31,
+    length2Pow32Minus1,
+    lengthUnavailable,
+    okLengthOverBuffer,  // CKR_OK with a length larger than the buffer given
+    garbageValue,        // C_GetAttributeValue: every value byte garbage, lengths kept
+    // C_GetSlotList.
+    slotsGrow,       // count call: one more than there are; fill call: CKR_BUFFER_TOO_SMALL, one more again
+    slotsShrink,     // count call: one fewer; fill call: one fewer filled than there are
+    slotIdsUnknown,  // IDs no slot has
+    // C_FindObjects.
+    moreObjectsThanAsked,  // the count exceeds the maximum asked (the array holds only that)
+    neverEnding,           // full batches of handles for ever
+    unknownHandles,        // handles no object has
+    // C_GetInfo, C_GetSlotInfo, C_GetTokenInfo.
+    textNotUtf8,     // text fields of bytes that are not UTF-8
+    textNulPadded,   // text fields NUL-terminated and NUL-padded instead of blank-padded
+    numbersGarbage,  // every flag set, versions 255.255, counts beyond 2^63
+    // C_GetFunctionList.
+    nullList,   // CKR_OK with a NULL list
+    shortList,  // a list whose entries from the lie's value on are NULL
+    // C_OpenSession.
+    noHandle,       // CKR_OK with CK_INVALID_HANDLE, no session opened
+    unknownHandle,  // CKR_OK with a handle no session has, no session opened
+    // C_GetSessionInfo.
+    wrongState,  // reports the security officer logged in
+    // C_Initialize.
+    initializedButSaysAlready,  // initializes, then answers CKR_CRYPTOKI_ALREADY_INITIALIZED
+};
+MOCK_API const char* lieName(Lie lie);
+MOCK_API std::vector<Lie> liesFor(const std::string& function);
+
+// The next `times` calls of `function` (-1: every call) tell the lie. Like
+// failCall, lies queue per function, and they run after any fault queued.
+MOCK_API void lie(const std::string& function, Lie lie, CK_ULONG value = ~CK_ULONG{0}, int times = 1);
+// Like failCall, and the out-parameters are filled with garbage as well.
+MOCK_API void failWithGarbage(const std::string& function, CK_RV rv, int times = 1);
+// Every reply decided by a byte stream, after faults and queued lies. Per
+// call: one byte; 0 or 1 in its low two bits answers honestly, 2 fails with
+// a return value chosen by the next byte (vendor codes included; bit 2 also
+// fills the out-parameters with garbage), 3 tells the lie of liesFor()
+// chosen by the next byte, with the byte after as its value. An exhausted
+// stream answers honestly. An empty stream ends the hostile mode.
+MOCK_API void setHostileStream(std::vector<uint8_t> bytes);
+MOCK_API size_t hostileBytesLeft();
+// The return values the stream chooses from, vendor codes aside.
+MOCK_API std::vector<CK_RV> hostileReturnValues();
 
 // --- call record -------------------------------------------------------------
 MOCK_API std::vector<Call> calls();
@@ -161,6 +236,45 @@ MOCK_API size_t activeFindOperations();
 // a key with CKA_ALWAYS_AUTHENTICATE = CK_TRUE insists on a context-specific
 // login between C_SignInit and C_Sign.
 MOCK_API std::optional<SignRecord> lastSignature();
+// Moments at which a call entered the module while another was still inside
+// it (afterCall() actions count as inside). Not reset by reset().
+MOCK_API long overlappingCalls();
+MOCK_API void clearOverlappingCalls();
+// Whether the thread the worker-thread variant starts in C_Initialize runs.
+MOCK_API bool workerRunning();
+
+// --- the image's behaviour ----------------------------------------------------
+struct Behaviour {
+    bool refusesOsLocking = false;  // C_Initialize with CKF_OS_LOCKING_OK alone: CKR_CANT_LOCK
+    bool workerThread = false;      // C_Initialize starts a thread, C_Finalize stops it
+};
+// reset() returns to the behaviour the image was built with.
+MOCK_API void setBehaviour(const Behaviour& behaviour);
+MOCK_API Behaviour behaviour();
+
+// --- the control API of any image ------------------------------------------------
+// Every module image exports mockp11_control(), its own control API as a table,
+// so a test reaches the variants it never links against (controlOf()).
+struct ControlTable {
+    void (*reset)();
+    void (*addSlot)(CK_SLOT_ID, const SlotSpec&);
+    CK_OBJECT_HANDLE (*addObject)(CK_SLOT_ID, std::vector<Attribute>, std::vector<CK_ATTRIBUTE_TYPE>);
+    void (*setBehaviour)(const Behaviour&);
+    bool (*initialized)();
+    int (*initializeCount)();
+    int (*finalizeCount)();
+    size_t (*openSessionCount)();
+    size_t (*activeFindOperations)();
+    long (*overlappingCalls)();
+    void (*clearOverlappingCalls)();
+    bool (*workerRunning)();
+    int (*callCount)(const std::string&);
+    bool (*lastInitializeHadArgs)();
+    CK_FLAGS (*lastInitializeFlags)();
+    bool (*loggedIn)(CK_SLOT_ID, CK_USER_TYPE);
+    void (*afterCall)(const std::string&, std::function<void()>, int);
+    void (*failCall)(const std::string&, CK_RV, int);
+};
 
 // --- attribute builders ------------------------------------------------------
 inline Attribute ulongAttr(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
@@ -178,3 +292,5 @@ inline Attribute bytesAttr(CK_ATTRIBUTE_TYPE type, std::vector<uint8_t> value) {
 }
 
 }  // namespace mock
+
+extern "C" __attribute__((visibility("default"))) const mock::ControlTable* mockp11_control();

@@ -5,6 +5,8 @@
 #include "MockEntryPoints.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 
 namespace mock {
 
@@ -105,13 +107,37 @@ CK_FUNCTION_LIST makeFunctionList() {
 
 }  // namespace
 
+// A list whose entries from the one at `firstMissing` on are NULL, as a
+// module built against an older, shorter list leaves them.
+void cutShort(CK_FUNCTION_LIST& list, size_t firstMissing) {
+    constexpr size_t kFirstEntry = offsetof(CK_FUNCTION_LIST, C_Initialize);
+    constexpr size_t kEntries = (sizeof(CK_FUNCTION_LIST) - kFirstEntry) / sizeof(CK_C_Initialize);
+    const size_t from = kFirstEntry + (firstMissing % kEntries) * sizeof(CK_C_Initialize);
+    std::memset(reinterpret_cast<unsigned char*>(&list) + from, 0, sizeof list - from);
+}
+
 }  // namespace mock
 
 extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR ppFunctionList) {
     static CK_FUNCTION_LIST list = mock::makeFunctionList();
+    static CK_FUNCTION_LIST shortList{};
     return mock::dispatch({.function = "C_GetFunctionList"}, mock::Needs::nothing, [&](mock::State&, mock::Call&) {
         if (ppFunctionList == nullptr) return CKR_ARGUMENTS_BAD;
         *ppFunctionList = &list;
+        return CKR_OK;
+    }, [&](const mock::Verdict& v, auto&) {
+        if (ppFunctionList == nullptr) return CKR_ARGUMENTS_BAD;
+        if (v.kind == mock::Verdict::Kind::fail) {
+            mock::fillGarbage(ppFunctionList, sizeof *ppFunctionList, v.value);
+            return v.rv;
+        }
+        if (v.lie == mock::Lie::nullList) {
+            *ppFunctionList = nullptr;
+            return CKR_OK;
+        }
+        shortList = list;
+        mock::cutShort(shortList, v.value);
+        *ppFunctionList = &shortList;
         return CKR_OK;
     });
 }

@@ -2,6 +2,7 @@
 #include "MockDispatch.h"
 #include "MockEntryPoints.h"
 
+
 namespace mock::entry {
 
 namespace {
@@ -19,10 +20,32 @@ CK_RV initialize(State& s, const CK_C_INITIALIZE_ARGS* args) {
     if (s.initialized) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
     if (args && (args->pReserved != nullptr || !mutexCallbacksConsistent(*args)))
         return CKR_ARGUMENTS_BAD;
+    if (s.behaviour.refusesOsLocking && args && (args->flags & CKF_OS_LOCKING_OK) && args->CreateMutex == nullptr)
+        return CKR_CANT_LOCK;
     // The module guards itself with its own mutex whatever the application offers.
     s.initialized = true;
     ++s.initializeCount;
+    if (s.behaviour.workerThread) startWorker(s);
     return CKR_OK;
+}
+
+void fillInfo(const State& s, CK_INFO& info) {
+    info.cryptokiVersion = s.library.cryptokiVersion;
+    padField(info.manufacturerID, sizeof info.manufacturerID, s.library.manufacturer);
+    info.flags = s.library.flags;
+    padField(info.libraryDescription, sizeof info.libraryDescription, s.library.description);
+    info.libraryVersion = s.library.libraryVersion;
+}
+
+// Called after an honest answer filled the structure.
+void lieAboutInfo(const Verdict& v, CK_INFO& info) {
+    if (v.lie == Lie::numbersGarbage) {
+        info.cryptokiVersion = info.libraryVersion = CK_VERSION{0xFF, 0xFF};
+        info.flags = ~CK_FLAGS{0};
+        return;
+    }
+    fillLyingText(info.manufacturerID, sizeof info.manufacturerID, v.lie);
+    fillLyingText(info.libraryDescription, sizeof info.libraryDescription, v.lie);
 }
 
 }  // namespace
@@ -30,7 +53,11 @@ CK_RV initialize(State& s, const CK_C_INITIALIZE_ARGS* args) {
 CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
     const auto* args = static_cast<const CK_C_INITIALIZE_ARGS*>(pInitArgs);
     return dispatch({.function = "C_Initialize", .flags = args ? args->flags : 0}, Needs::nothing,
-                    [&](State& s, Call&) { return initialize(s, args); });
+                    [&](State& s, Call&) { return initialize(s, args); },
+                    [&](const Verdict& v, auto& honest) {
+        if (v.kind == Verdict::Kind::lie && v.lie == Lie::initializedButSaysAlready) honest();
+        return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+    });
 }
 
 CK_RV C_Finalize(CK_VOID_PTR pReserved) {
@@ -41,6 +68,7 @@ CK_RV C_Finalize(CK_VOID_PTR pReserved) {
             if (slot.token) slot.token->loggedInAs.reset();
         s.initialized = false;
         ++s.finalizeCount;
+        stopWorker(s);
         return CKR_OK;
     });
 }
@@ -48,12 +76,16 @@ CK_RV C_Finalize(CK_VOID_PTR pReserved) {
 CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
     return dispatch({.function = "C_GetInfo"}, Needs::initialized, [&](State& s, Call&) {
         if (pInfo == nullptr) return CKR_ARGUMENTS_BAD;
-        pInfo->cryptokiVersion = s.library.cryptokiVersion;
-        padField(pInfo->manufacturerID, sizeof pInfo->manufacturerID, s.library.manufacturer);
-        pInfo->flags = s.library.flags;
-        padField(pInfo->libraryDescription, sizeof pInfo->libraryDescription, s.library.description);
-        pInfo->libraryVersion = s.library.libraryVersion;
+        fillInfo(s, *pInfo);
         return CKR_OK;
+    }, [&](const Verdict& v, auto& honest) {
+        if (v.kind == Verdict::Kind::fail) {
+            if (pInfo != nullptr) fillGarbage(pInfo, sizeof *pInfo, v.value);
+            return v.rv;
+        }
+        const CK_RV rv = honest();
+        if (rv == CKR_OK) lieAboutInfo(v, *pInfo);
+        return rv;
     });
 }
 

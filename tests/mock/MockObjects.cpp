@@ -87,6 +87,48 @@ CK_RV getAttributes(State& s, CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObje
     return worst;
 }
 
+constexpr CK_OBJECT_HANDLE kUnknownObject = 0x7FFF0000;
+
+template <typename Honest>
+CK_RV lieAboutFound(const Verdict& v, Honest& honest, CK_OBJECT_HANDLE_PTR phObject, CK_ULONG ulMax,
+                    CK_ULONG_PTR pulObjectCount) {
+    if (v.kind == Verdict::Kind::fail) {
+        if (phObject != nullptr) fillGarbage(phObject, ulMax * sizeof(CK_OBJECT_HANDLE), v.value);
+        if (pulObjectCount != nullptr) fillGarbage(pulObjectCount, sizeof *pulObjectCount, v.value);
+        return v.rv;
+    }
+    if (v.lie == Lie::neverEnding) {
+        if (phObject == nullptr || pulObjectCount == nullptr) return CKR_ARGUMENTS_BAD;
+        for (CK_ULONG i = 0; i < ulMax; ++i) phObject[i] = kUnknownObject + i;
+        *pulObjectCount = ulMax;
+        return CKR_OK;
+    }
+    const CK_RV rv = honest();
+    if (rv != CKR_OK) return rv;
+    if (v.lie == Lie::moreObjectsThanAsked) *pulObjectCount = ulMax + 1 + (v.value & 0xFF);
+    if (v.lie == Lie::unknownHandles)
+        for (CK_ULONG i = 0; i < *pulObjectCount; ++i) phObject[i] = kUnknownObject + i;
+    return rv;
+}
+
+// The attribute lies, told after the honest answer: `rooms` are the buffer
+// sizes the caller gave.
+CK_RV lieAboutAttributes(const Verdict& v, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
+                         const std::vector<CK_ULONG>& rooms, CK_RV rv) {
+    const bool one = v.value < ulCount;
+    for (CK_ULONG i = one ? v.value : 0; i < (one ? v.value + 1 : ulCount); ++i) {
+        CK_ATTRIBUTE& a = pTemplate[i];
+        if (v.lie == Lie::garbageValue) {
+            if (a.pValue != nullptr && a.ulValueLen <= rooms[i]) fillGarbage(a.pValue, a.ulValueLen, i);
+            continue;
+        }
+        const bool known = a.ulValueLen != CK_UNAVAILABLE_INFORMATION;
+        const CK_ULONG room = a.pValue != nullptr ? rooms[i] : (known ? a.ulValueLen : 0);
+        a.ulValueLen = lyingLength(v.lie, room);
+    }
+    return v.lie == Lie::okLengthOverBuffer ? CKR_OK : rv;
+}
+
 }  // namespace
 
 CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
@@ -101,6 +143,8 @@ CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject, C
     return dispatch({.function = "C_FindObjects", .session = hSession, .count = ulMaxObjectCount},
                     Needs::initialized, [&](State& s, Call&) {
         return findNext(s, hSession, phObject, ulMaxObjectCount, pulObjectCount);
+    }, [&](const Verdict& v, auto& honest) {
+        return lieAboutFound(v, honest, phObject, ulMaxObjectCount, pulObjectCount);
     });
 }
 
@@ -119,8 +163,25 @@ CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
                           CK_ULONG ulCount) {
     Call call{.function = "C_GetAttributeValue", .session = hSession, .object = hObject, .count = ulCount,
               .attributeTypes = typesOf(pTemplate, ulCount)};
+    std::vector<CK_ULONG> rooms;
+    for (CK_ULONG i = 0; pTemplate != nullptr && i < ulCount; ++i) rooms.push_back(pTemplate[i].ulValueLen);
     return dispatch(std::move(call), Needs::initialized,
-                    [&](State& s, Call&) { return getAttributes(s, hSession, hObject, pTemplate, ulCount); });
+                    [&](State& s, Call&) { return getAttributes(s, hSession, hObject, pTemplate, ulCount); },
+                    [&](const Verdict& v, auto& honest) {
+        if (pTemplate == nullptr) return honest();
+        if (v.kind == Verdict::Kind::fail) {
+            for (CK_ULONG i = 0; v.garbage && i < ulCount; ++i) {
+                if (pTemplate[i].pValue != nullptr) fillGarbage(pTemplate[i].pValue, rooms[i], i);
+                fillGarbage(&pTemplate[i].ulValueLen, sizeof(CK_ULONG), v.value + i);
+            }
+            return v.rv;
+        }
+        const CK_RV rv = honest();
+        if (rv != CKR_OK && rv != CKR_ATTRIBUTE_SENSITIVE && rv != CKR_ATTRIBUTE_TYPE_INVALID &&
+            rv != CKR_BUFFER_TOO_SMALL)
+            return rv;
+        return lieAboutAttributes(v, pTemplate, ulCount, rooms, rv);
+    });
 }
 
 }  // namespace mock::entry

@@ -47,7 +47,16 @@ CK_RV openSession(State& s, CK_SLOT_ID slotID, CK_FLAGS flags, CK_SESSION_HANDLE
 CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY,
                     CK_SESSION_HANDLE_PTR phSession) {
     return dispatch({.function = "C_OpenSession", .slot = slotID, .flags = flags}, Needs::initialized,
-                    [&](State& s, Call& call) { return openSession(s, slotID, flags, phSession, call); });
+                    [&](State& s, Call& call) { return openSession(s, slotID, flags, phSession, call); },
+                    [&](const Verdict& v, auto&) {
+        if (phSession == nullptr) return CKR_ARGUMENTS_BAD;
+        if (v.kind == Verdict::Kind::fail) {
+            fillGarbage(phSession, sizeof *phSession, v.value);
+            return v.rv;
+        }
+        *phSession = v.lie == Lie::noHandle ? CK_INVALID_HANDLE : 0x7FFF0000 + v.value;
+        return CKR_OK;
+    });
 }
 
 CK_RV C_CloseSession(CK_SESSION_HANDLE hSession) {
@@ -81,6 +90,14 @@ CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo) {
         pInfo->flags = CKF_SERIAL_SESSION | (session->readWrite ? CKF_RW_SESSION : 0);
         pInfo->ulDeviceError = 0;
         return CKR_OK;
+    }, [&](const Verdict& v, auto& honest) {
+        if (v.kind == Verdict::Kind::fail) {
+            if (pInfo != nullptr) fillGarbage(pInfo, sizeof *pInfo, v.value);
+            return v.rv;
+        }
+        const CK_RV rv = honest();
+        if (rv == CKR_OK) pInfo->state = CKS_RW_SO_FUNCTIONS;
+        return rv;
     });
 }
 

@@ -113,11 +113,23 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
 
 CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
              CK_ULONG_PTR pulSignatureLen) {
+    const CK_ULONG room = pulSignatureLen != nullptr ? *pulSignatureLen : 0;
     return dispatch({.function = "C_Sign", .session = hSession}, Needs::initialized, [&](State& s, Call&) {
         Session* session = s.findSession(hSession);
         if (session == nullptr) return CKR_SESSION_HANDLE_INVALID;
         if ((pData == nullptr && ulDataLen != 0) || pulSignatureLen == nullptr) return CKR_ARGUMENTS_BAD;
         return sign(s, *session, pData, ulDataLen, pSignature, pulSignatureLen);
+    }, [&](const Verdict& v, auto& honest) {
+        if (pulSignatureLen == nullptr) return honest();
+        if (v.kind == Verdict::Kind::fail) {
+            if (pSignature != nullptr) fillGarbage(pSignature, room, v.value);
+            fillGarbage(pulSignatureLen, sizeof *pulSignatureLen, v.value);
+            return v.rv;
+        }
+        const CK_RV rv = honest();
+        if (rv != CKR_OK && rv != CKR_BUFFER_TOO_SMALL) return rv;
+        *pulSignatureLen = lyingLength(v.lie, pSignature != nullptr ? room : *pulSignatureLen);
+        return v.lie == Lie::okLengthOverBuffer ? CKR_OK : rv;
     });
 }
 

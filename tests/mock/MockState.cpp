@@ -71,6 +71,11 @@ void State::closeSessionsOf(CK_SLOT_ID slot) {
     if (Token* token = findToken(slot)) token->loggedInAs.reset();
 }
 
+void State::setBehaviour(const Behaviour& b) {
+    behaviour = b;
+    yieldInside = b.refusesOsLocking;
+}
+
 State& state() {
     static State instance;
     return instance;

@@ -5,8 +5,10 @@
 
 #include "MockControl.h"
 
+#include <atomic>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 
@@ -68,7 +70,23 @@ struct AfterCallAction {
     int remaining = 1;  // -1: forever
 };
 
+// What the hostile mode decided for one call.
+struct Verdict {
+    enum class Kind { fail, lie };
+    Kind kind = Kind::fail;
+    CK_RV rv = CKR_OK;       // fail, and doneButFailed: the return value
+    bool garbage = false;    // fail: out-parameters filled with garbage
+    Lie lie = Lie::doneButFailed;
+    CK_ULONG value = 0;      // the lie's value (which attribute, where a list stops, ...)
+    int remaining = 1;       // queued verdicts: -1 for ever
+};
+
+class Worker;  // the thread of the worker-thread variant (MockWorker.cpp)
+
 struct State {
+    State();
+    ~State();
+
     std::mutex mutex;
     bool initialized = false;
     LibrarySpec library;
@@ -87,16 +105,35 @@ struct State {
     int finalizeCount = 0;
     std::optional<SignRecord> lastSignature;
 
+    std::map<std::string, std::deque<Verdict>> queuedVerdicts;
+    std::vector<uint8_t> hostileStream;
+    size_t hostilePos = 0;
+
+    Behaviour behaviour;
+    std::unique_ptr<Worker> worker;  // while the worker-thread variant is initialized
+
+    // Read outside the mutex: the concurrency probe of dispatch().
+    std::atomic<bool> yieldInside{false};  // behaviour.refusesOsLocking
+    std::atomic<int> callsInside{0};
+    std::atomic<long> overlaps{0};
+
     Slot* findSlot(CK_SLOT_ID id);
     Token* findToken(CK_SLOT_ID id);  // null when no such slot or no token in it
     Session* findSession(CK_SESSION_HANDLE handle);
     Token& tokenOf(const Session& session);  // a session always has its token
+    void setBehaviour(const Behaviour& b);
     size_t countSessions(CK_SLOT_ID slot, bool readWriteOnly) const;
     void closeSession(CK_SESSION_HANDLE handle);  // logs the token out after the last one
     void closeSessionsOf(CK_SLOT_ID slot);
 };
 
 State& state();  // the one instance of the module
+
+// The behaviour this image was built with (one MockVariant*.cpp per module).
+Behaviour imageBehaviour();
+// Starts and stops the worker-thread variant's thread. Caller holds the lock.
+void startWorker(State& s);
+void stopWorker(State& s);
 
 // Copies `text` into a PKCS#11 fixed-width field: blank-padded, never NUL-terminated.
 void padField(CK_UTF8CHAR* field, size_t width, std::string_view text);

@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -344,6 +345,100 @@ TEST_F(MockModule, AfterCallRunsBetweenCalls) {
     CK_SLOT_ID ids[2];
     EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, ids, &count), CKR_BUFFER_TOO_SMALL);
     EXPECT_EQ(count, 2u);
+}
+
+TEST_F(MockModule, HostileStreamDecidesEachReplyInTurn) {
+    initializeWithToken();
+    const std::vector<CK_RV> rvs = mock::hostileReturnValues();
+    const std::vector<mock::Lie> lies = mock::liesFor("C_GetSlotList");
+    const auto liePosition = [&](mock::Lie lie) {
+        return static_cast<uint8_t>(std::find(lies.begin(), lies.end(), lie) - lies.begin());
+    };
+    // honest; fail with the third value; fail with a vendor code; a lie; then exhausted.
+    mock::setHostileStream({0, 2, 2, 0, 2, 250, 0, 3, liePosition(mock::Lie::slotsShrink), 0});
+    CK_ULONG count = 0;
+    EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, nullptr, &count), rvs[2]);
+    EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_VENDOR_DEFINED + 250);
+    EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
+    EXPECT_EQ(count, 0u) << "the shrinking lie";
+    EXPECT_EQ(mock::hostileBytesLeft(), 0u);
+    EXPECT_EQ(p11->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
+    EXPECT_EQ(count, 1u);
+}
+
+TEST_F(MockModule, QueuedLiesComeBeforeTheStreamAndFaultsBeforeBoth) {
+    initializeWithToken();
+    mock::setHostileStream({2, 0, 0});
+    mock::lie("C_GetInfo", mock::Lie::textNotUtf8);
+    mock::failCall("C_GetInfo", CKR_DEVICE_ERROR);
+    CK_INFO info{};
+    EXPECT_EQ(p11->C_GetInfo(&info), CKR_DEVICE_ERROR);
+    EXPECT_EQ(p11->C_GetInfo(&info), CKR_OK);
+    EXPECT_EQ(info.manufacturerID[0], 0x80) << "not UTF-8";
+    EXPECT_EQ(p11->C_GetInfo(&info), mock::hostileReturnValues()[0]);
+}
+
+TEST_F(MockModule, FailingWithGarbageFillsTheOutParameters) {
+    initializeWithToken();
+    mock::failWithGarbage("C_OpenSession", CKR_DEVICE_ERROR);
+    CK_SESSION_HANDLE h = 0;
+    EXPECT_EQ(p11->C_OpenSession(kSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &h), CKR_DEVICE_ERROR);
+    EXPECT_NE(h, 0u);
+    EXPECT_EQ(mock::openSessionCount(), 0u);
+    mock::failWithGarbage("C_FindObjectsInit", CKR_DEVICE_ERROR);
+    const CK_SESSION_HANDLE session = open();
+    EXPECT_EQ(p11->C_FindObjectsInit(session, nullptr, 0), CKR_DEVICE_ERROR);
+    EXPECT_EQ(mock::activeFindOperations(), 0u) << "a failure does nothing";
+}
+
+TEST_F(MockModule, AttributeLengthLiesReportTheLengthAsked) {
+    initializeWithToken();
+    mock::addObject(kSlot, {mock::stringAttr(CKA_LABEL, "twelve bytes")});
+    const CK_SESSION_HANDLE h = open();
+    const std::vector<CK_OBJECT_HANDLE> found = find(h, {});
+    ASSERT_EQ(found.size(), 1u);
+    char buffer[20];
+    const auto lengthWith = [&](mock::Lie lie) {
+        mock::lie("C_GetAttributeValue", lie);
+        CK_ATTRIBUTE a{CKA_LABEL, buffer, sizeof buffer};
+        const CK_RV rv = p11->C_GetAttributeValue(h, found[0], &a, 1);
+        return std::make_pair(rv, a.ulValueLen);
+    };
+    EXPECT_EQ(lengthWith(mock::Lie::lengthJustUnder), std::make_pair(CKR_OK, CK_ULONG{19}));
+    EXPECT_EQ(lengthWith(mock::Lie::okLengthOverBuffer), std::make_pair(CKR_OK, CK_ULONG{21}));
+    EXPECT_EQ(lengthWith(mock::Lie::length2Pow32Minus1), std::make_pair(CKR_OK, CK_ULONG{0xFFFFFFFF}));
+    EXPECT_EQ(lengthWith(mock::Lie::lengthUnavailable), std::make_pair(CKR_OK, CK_UNAVAILABLE_INFORMATION));
+}
+
+TEST(MockVariants, TheModuleThatCannotLockRefusesOperatingSystemLocksOnly) {
+    void* image = dlopen(mock::noLockingModulePath().c_str(), RTLD_NOW);
+    ASSERT_NE(image, nullptr) << dlerror();
+    CK_FUNCTION_LIST_PTR f = nullptr;
+    reinterpret_cast<CK_C_GetFunctionList>(dlsym(image, "C_GetFunctionList"))(&f);
+    CK_C_INITIALIZE_ARGS args{};
+    args.flags = CKF_OS_LOCKING_OK;
+    EXPECT_EQ(f->C_Initialize(&args), CKR_CANT_LOCK);
+    EXPECT_EQ(f->C_Initialize(nullptr), CKR_OK);
+    EXPECT_EQ(f->C_Finalize(nullptr), CKR_OK);
+    dlclose(image);
+}
+
+TEST(MockVariants, TheWorkerThreadRunsFromInitializeToFinalize) {
+    void* image = dlopen(mock::workerThreadModulePath().c_str(), RTLD_NOW);
+    ASSERT_NE(image, nullptr) << dlerror();
+    const mock::ControlTable* control =
+        reinterpret_cast<const mock::ControlTable* (*)()>(dlsym(image, "mockp11_control"))();
+    CK_FUNCTION_LIST_PTR f = nullptr;
+    reinterpret_cast<CK_C_GetFunctionList>(dlsym(image, "C_GetFunctionList"))(&f);
+    EXPECT_FALSE(control->workerRunning());
+    ASSERT_EQ(f->C_Initialize(nullptr), CKR_OK);
+    EXPECT_TRUE(control->workerRunning());
+    ASSERT_EQ(f->C_Finalize(nullptr), CKR_OK);
+    EXPECT_FALSE(control->workerRunning());
+    EXPECT_NE(control, mockp11_control()) << "each image has its own state";
+    dlclose(image);
 }
 
 }  // namespace

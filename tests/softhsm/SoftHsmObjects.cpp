@@ -1,16 +1,14 @@
 #include "SoftHsmObjects.h"
 
+#include "TestCertFactory.h"
+
 #include <dlfcn.h>
 
-#include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
-#include <openssl/objects.h>
-#include <openssl/x509.h>
 
 #include <cstdio>
 #include <deque>
-#include <memory>
 #include <stdexcept>
 
 namespace p11test {
@@ -64,70 +62,28 @@ private:
     std::vector<CK_ATTRIBUTE> m_attrs;
 };
 
-Bytes bnParam(EVP_PKEY* key, const char* name, std::size_t padTo = 0)
-{
-    BIGNUM* bn = nullptr;
-    if (EVP_PKEY_get_bn_param(key, name, &bn) != 1)
-        throw std::runtime_error(std::string("key parameter ") + name);
-    const std::size_t size = std::max<std::size_t>(padTo, static_cast<std::size_t>(BN_num_bytes(bn)));
-    Bytes out(size);
-    BN_bn2binpad(bn, out.data(), static_cast<int>(size));
-    BN_clear_free(bn);
-    return out;
-}
-
-// The DER OID of the key's named curve, as CKA_EC_PARAMS holds it.
-Bytes ecParams(EVP_PKEY* key)
-{
-    char group[64] = {};
-    std::size_t len = 0;
-    if (EVP_PKEY_get_group_name(key, group, sizeof group, &len) != 1)
-        throw std::runtime_error("curve name");
-    ASN1_OBJECT* oid = OBJ_txt2obj(group, 0);
-    unsigned char* der = nullptr;
-    const int size = oid != nullptr ? i2d_ASN1_OBJECT(oid, &der) : -1;
-    ASN1_OBJECT_free(oid);
-    if (size <= 0)
-        throw std::runtime_error("curve OID");
-    Bytes out(der, der + size);
-    OPENSSL_free(der);
-    return out;
-}
-
 void addKeyComponents(Template& t, EVP_PKEY* key)
 {
     if (EVP_PKEY_is_a(key, "RSA")) {
         t.addUlong(CKA_KEY_TYPE, CKK_RSA);
-        t.add(CKA_MODULUS, bnParam(key, OSSL_PKEY_PARAM_RSA_N));
-        t.add(CKA_PUBLIC_EXPONENT, bnParam(key, OSSL_PKEY_PARAM_RSA_E));
-        t.add(CKA_PRIVATE_EXPONENT, bnParam(key, OSSL_PKEY_PARAM_RSA_D));
-        t.add(CKA_PRIME_1, bnParam(key, OSSL_PKEY_PARAM_RSA_FACTOR1));
-        t.add(CKA_PRIME_2, bnParam(key, OSSL_PKEY_PARAM_RSA_FACTOR2));
-        t.add(CKA_EXPONENT_1, bnParam(key, OSSL_PKEY_PARAM_RSA_EXPONENT1));
-        t.add(CKA_EXPONENT_2, bnParam(key, OSSL_PKEY_PARAM_RSA_EXPONENT2));
-        t.add(CKA_COEFFICIENT, bnParam(key, OSSL_PKEY_PARAM_RSA_COEFFICIENT1));
+        t.add(CKA_MODULUS, keyNumber(key, OSSL_PKEY_PARAM_RSA_N));
+        t.add(CKA_PUBLIC_EXPONENT, keyNumber(key, OSSL_PKEY_PARAM_RSA_E));
+        t.add(CKA_PRIVATE_EXPONENT, keyNumber(key, OSSL_PKEY_PARAM_RSA_D));
+        t.add(CKA_PRIME_1, keyNumber(key, OSSL_PKEY_PARAM_RSA_FACTOR1));
+        t.add(CKA_PRIME_2, keyNumber(key, OSSL_PKEY_PARAM_RSA_FACTOR2));
+        t.add(CKA_EXPONENT_1, keyNumber(key, OSSL_PKEY_PARAM_RSA_EXPONENT1));
+        t.add(CKA_EXPONENT_2, keyNumber(key, OSSL_PKEY_PARAM_RSA_EXPONENT2));
+        t.add(CKA_COEFFICIENT, keyNumber(key, OSSL_PKEY_PARAM_RSA_COEFFICIENT1));
         t.addBool(CKA_DECRYPT, true);
     } else if (EVP_PKEY_is_a(key, "EC")) {
         t.addUlong(CKA_KEY_TYPE, CKK_EC);
-        t.add(CKA_EC_PARAMS, ecParams(key));
+        t.add(CKA_EC_PARAMS, curveOidDer(key));
         const auto fieldBytes = static_cast<std::size_t>((EVP_PKEY_get_bits(key) + 7) / 8);
-        t.add(CKA_VALUE, bnParam(key, OSSL_PKEY_PARAM_PRIV_KEY, fieldBytes));
+        t.add(CKA_VALUE, keyNumber(key, OSSL_PKEY_PARAM_PRIV_KEY, fieldBytes));
         t.addBool(CKA_DECRYPT, false);
     } else {
         throw std::runtime_error("unsupported key type");
     }
-}
-
-template <class T, class Encode>
-Bytes derOf(T* object, Encode encode)
-{
-    unsigned char* der = nullptr;
-    const int size = encode(object, &der);
-    if (size <= 0)
-        throw std::runtime_error("DER encoding");
-    Bytes out(der, der + size);
-    OPENSSL_free(der);
-    return out;
 }
 
 void addCertificateBasics(Template& t, const CertObjectSpec& spec)
@@ -154,16 +110,41 @@ CryptokiModule::CryptokiModule(const std::string& path)
     }
 }
 
-CryptokiModule::~CryptokiModule() { ::dlclose(m_handle); }
+CryptokiModule::~CryptokiModule()
+{
+    if (m_initialized)
+        m_functions->C_Finalize(nullptr);
+    ::dlclose(m_handle);
+}
 
-CK_SLOT_ID CryptokiModule::slotOfToken(const std::string& label) const
+void CryptokiModule::initialize()
+{
+    CK_C_INITIALIZE_ARGS args{};
+    args.flags = CKF_OS_LOCKING_OK;
+    checkCk("C_Initialize", m_functions->C_Initialize(&args));
+    m_initialized = true;
+}
+
+void CryptokiModule::finalize()
+{
+    if (m_initialized)
+        checkCk("C_Finalize", m_functions->C_Finalize(nullptr));
+    m_initialized = false;
+}
+
+std::vector<CK_SLOT_ID> CryptokiModule::tokenSlots() const
 {
     CK_ULONG count = 0;
     checkCk("C_GetSlotList", m_functions->C_GetSlotList(CK_TRUE, nullptr, &count));
     std::vector<CK_SLOT_ID> slots(count);
     checkCk("C_GetSlotList", m_functions->C_GetSlotList(CK_TRUE, slots.data(), &count));
     slots.resize(count);
-    for (CK_SLOT_ID slot : slots) {
+    return slots;
+}
+
+CK_SLOT_ID CryptokiModule::slotOfToken(const std::string& label) const
+{
+    for (CK_SLOT_ID slot : tokenSlots()) {
         CK_TOKEN_INFO info{};
         if (m_functions->C_GetTokenInfo(slot, &info) != CKR_OK)
             continue;
@@ -175,11 +156,19 @@ CK_SLOT_ID CryptokiModule::slotOfToken(const std::string& label) const
     throw std::runtime_error("no token labelled " + label);
 }
 
-TokenSession::TokenSession(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, const char* userPin)
+CK_SLOT_ID CryptokiModule::firstTokenSlot() const
+{
+    const std::vector<CK_SLOT_ID> slots = tokenSlots();
+    if (slots.empty())
+        throw std::runtime_error("no token");
+    return slots.front();
+}
+
+TokenSession::TokenSession(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, const char* userPin, Access access)
     : m_functions(functions)
 {
-    checkCk("C_OpenSession", functions->C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
-                                                      &m_session));
+    const CK_FLAGS flags = CKF_SERIAL_SESSION | (access == Access::ReadWrite ? CKF_RW_SESSION : 0);
+    checkCk("C_OpenSession", functions->C_OpenSession(slot, flags, nullptr, nullptr, &m_session));
     if (userPin == nullptr)
         return;
     std::string pin(userPin);
@@ -212,34 +201,15 @@ CK_OBJECT_HANDLE importPrivateKey(const TokenSession& session, EVP_PKEY* key, co
     return t.create(session);
 }
 
-namespace {
-
-std::unique_ptr<X509, decltype(&X509_free)> parseCertificate(const Bytes& der)
-{
-    const unsigned char* p = der.data();
-    std::unique_ptr<X509, decltype(&X509_free)> x509(d2i_X509(nullptr, &p, static_cast<long>(der.size())),
-                                                     X509_free);
-    if (!x509)
-        throw std::runtime_error("not a DER certificate");
-    return x509;
-}
-
-} // namespace
-
-Bytes subjectDerOf(const Bytes& certDer)
-{
-    return derOf(X509_get_subject_name(parseCertificate(certDer).get()), i2d_X509_NAME);
-}
-
 CK_OBJECT_HANDLE importCertificate(const TokenSession& session, const Bytes& der, const CertObjectSpec& spec)
 {
-    const auto x509 = parseCertificate(der);
+    CertNames names = namesOf(der);
     Template t;
     addCertificateBasics(t, spec);
     t.add(CKA_VALUE, der);
-    t.add(CKA_SUBJECT, derOf(X509_get_subject_name(x509.get()), i2d_X509_NAME));
-    t.add(CKA_ISSUER, derOf(X509_get_issuer_name(x509.get()), i2d_X509_NAME));
-    t.add(CKA_SERIAL_NUMBER, derOf(X509_get0_serialNumber(x509.get()), i2d_ASN1_INTEGER));
+    t.add(CKA_SUBJECT, std::move(names.subject));
+    t.add(CKA_ISSUER, std::move(names.issuer));
+    t.add(CKA_SERIAL_NUMBER, std::move(names.serial));
     return t.create(session);
 }
 

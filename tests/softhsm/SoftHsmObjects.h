@@ -1,8 +1,8 @@
 #pragma once
 
-// Direct Cryptoki access for the tests: the SoftHSM2 module opened beside the
-// library under test, to put keys and certificates on a token and to sign
-// with a key handle the library reports.
+// Direct Cryptoki access beside the library under test, for the SoftHSM2
+// tests and the benchmark tools: a module, a session, and keys and
+// certificates put on a token with C_CreateObject.
 
 #include <p11-kit/pkcs11.h>
 
@@ -25,24 +25,35 @@ void checkCk(const char* function, CK_RV rv);
 class CryptokiModule {
 public:
     explicit CryptokiModule(const std::string& path);
-    ~CryptokiModule();
+    ~CryptokiModule(); // finalizes the module if this object initialized it and did not finalize it
     CryptokiModule(const CryptokiModule&) = delete;
     CryptokiModule& operator=(const CryptokiModule&) = delete;
 
     CK_FUNCTION_LIST* functions() const { return m_functions; }
+    // C_Initialize (with the operating system's locks) and C_Finalize.
+    void initialize();
+    void finalize();
+    // The slots that hold a token.
+    std::vector<CK_SLOT_ID> tokenSlots() const;
     // The slot whose token has this label; throws when there is none.
     CK_SLOT_ID slotOfToken(const std::string& label) const;
+    // The first slot that holds a token.
+    CK_SLOT_ID firstTokenSlot() const;
 
 private:
     void* m_handle = nullptr;
     CK_FUNCTION_LIST* m_functions = nullptr;
+    bool m_initialized = false;
 };
 
 // A session on a slot of an initialized module, closed on destruction.
 // With a PIN the normal user logs in (an existing login is accepted).
 class TokenSession {
 public:
-    TokenSession(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, const char* userPin = nullptr);
+    enum class Access { ReadOnly, ReadWrite };
+
+    TokenSession(CK_FUNCTION_LIST* functions, CK_SLOT_ID slot, const char* userPin = nullptr,
+                 Access access = Access::ReadWrite);
     ~TokenSession();
     TokenSession(const TokenSession&) = delete;
     TokenSession& operator=(const TokenSession&) = delete;
@@ -74,11 +85,9 @@ struct CertObjectSpec {
     Bytes id; // no CKA_ID when empty
 };
 
-// A public X.509 certificate object holding the DER.
+// A public X.509 certificate object holding the DER, with its subject,
+// issuer and serial number.
 CK_OBJECT_HANDLE importCertificate(const TokenSession& session, const Bytes& der, const CertObjectSpec& spec);
-
-// The DER of the subject name of a DER certificate.
-Bytes subjectDerOf(const Bytes& certDer);
 
 // A certificate object whose value is not a certificate; subject and issuer
 // are those given (DER names), as a broken token might hold them.

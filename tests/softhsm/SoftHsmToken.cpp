@@ -10,16 +10,6 @@ namespace fs = std::filesystem;
 
 namespace p11test {
 
-namespace {
-
-void run(const std::string& command)
-{
-    if (std::system((command + " >/dev/null 2>&1").c_str()) != 0)
-        throw std::runtime_error("command failed: " + command);
-}
-
-} // namespace
-
 std::string SoftHsmToken::modulePath()
 {
     for (const char* candidate : {"/usr/lib/softhsm/libsofthsm2.so", "/usr/lib/x86_64-linux-gnu/softhsm/libsofthsm2.so",
@@ -29,19 +19,32 @@ std::string SoftHsmToken::modulePath()
     return {};
 }
 
+void SoftHsmToken::makeStore(const std::string& directory)
+{
+    const std::string absolute = fs::absolute(directory).string();
+    fs::create_directory(absolute + "/tokens");
+    std::ofstream(absolute + "/softhsm2.conf") << "directories.tokendir = " << absolute << "/tokens\n"
+                                               << "objectstore.backend = file\n"
+                                               << "log.level = ERROR\n";
+    ::setenv("SOFTHSM2_CONF", (absolute + "/softhsm2.conf").c_str(), 1);
+}
+
+void SoftHsmToken::initToken(const std::string& label)
+{
+    const std::string command = "softhsm2-util --init-token --free --label " + label + " --so-pin " + kSoPin
+                                + " --pin " + kUserPin + " >/dev/null 2>&1";
+    if (std::system(command.c_str()) != 0)
+        throw std::runtime_error("could not initialize the token " + label);
+}
+
 SoftHsmToken::SoftHsmToken()
 {
     char templ[] = "/tmp/p11client-softhsm-XXXXXX";
     if (::mkdtemp(templ) == nullptr)
         throw std::runtime_error("mkdtemp failed");
     m_dir = templ;
-    fs::create_directory(m_dir + "/tokens");
-    std::ofstream(m_dir + "/softhsm2.conf") << "directories.tokendir = " << m_dir << "/tokens\n"
-                                            << "objectstore.backend = file\n"
-                                            << "log.level = ERROR\n";
-    ::setenv("SOFTHSM2_CONF", (m_dir + "/softhsm2.conf").c_str(), 1);
-    run(std::string("softhsm2-util --init-token --free --label ") + kLabel + " --so-pin " + kSoPin + " --pin "
-        + kUserPin);
+    makeStore(m_dir);
+    initToken(kLabel);
 }
 
 SoftHsmToken::~SoftHsmToken()

@@ -22,6 +22,13 @@ public:
     static std::string modulePath();
     const std::string& directory() const { return m_dir; }
 
+    // An empty token store in the directory (which must exist), made the
+    // process's SOFTHSM2_CONF.
+    static void makeStore(const std::string& directory);
+    // Initializes the next free slot of the current store with a token of
+    // this label and the PINs above.
+    static void initToken(const std::string& label);
+
 private:
     std::string m_dir;
 };

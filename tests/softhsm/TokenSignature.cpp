@@ -49,12 +49,18 @@ Bytes ecdsaDer(const Bytes& raw)
 
 } // namespace
 
+Bytes signingInput(bool ec, const Bytes& sha256Digest)
+{
+    Bytes input = sha256Digest;
+    if (!ec)
+        input.insert(input.begin(), std::begin(kSha256DigestInfo), std::end(kSha256DigestInfo));
+    return input;
+}
+
 TokenSignature signOnToken(const TokenSession& session, CK_OBJECT_HANDLE key, bool ec, const std::string& message)
 {
     TokenSignature out;
-    Bytes input = sha256(message);
-    if (!ec)
-        input.insert(input.begin(), std::begin(kSha256DigestInfo), std::end(kSha256DigestInfo));
+    Bytes input = signingInput(ec, sha256(message));
     CK_MECHANISM mechanism{ec ? CKM_ECDSA : CKM_RSA_PKCS, nullptr, 0};
     CK_FUNCTION_LIST* f = session.functions();
     out.rv = f->C_SignInit(session.handle(), &mechanism, key);

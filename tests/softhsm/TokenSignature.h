@@ -14,6 +14,10 @@ struct TokenSignature {
     Bytes raw;         // RSA PKCS#1 v1.5 signature, or ECDSA r||s
 };
 
+// What the token signs for a SHA-256 digest: the DigestInfo for RSA
+// PKCS#1 v1.5 (CKM_RSA_PKCS), the bare digest for ECDSA.
+Bytes signingInput(bool ec, const Bytes& sha256Digest);
+
 // Signs SHA-256(message) on the token: RSA with CKM_RSA_PKCS over the
 // DigestInfo, EC with CKM_ECDSA over the bare digest.
 TokenSignature signOnToken(const TokenSession& session, CK_OBJECT_HANDLE key, bool ec, const std::string& message);

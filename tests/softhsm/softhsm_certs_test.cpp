@@ -76,19 +76,6 @@ TEST_F(CertTokenTest, FindAllCertsCachesEachCertificateOfTheTokenOnce)
     EXPECT_EQ(p11->get_NumCerts(), static_cast<int>(token.certs.size())) << "a refill replaces the cache";
 }
 
-TEST_F(CertTokenTest, GetCertOutsideTheCacheFails)
-{
-    ASSERT_TRUE(openSession(tokens->main()));
-    ClsCert cert;
-    EXPECT_FALSE(p11->GetCert(0, cert)) << "the cache is not filled yet";
-    ASSERT_TRUE(p11->FindAllCerts());
-    for (int index : {-1, p11->get_NumCerts(), 1 << 30}) {
-        EXPECT_FALSE(p11->GetCert(index, cert)) << index;
-        EXPECT_FALSE(errors(*p11).empty());
-    }
-    EXPECT_TRUE(cert.get_IsEmpty());
-}
-
 TEST_F(CertTokenTest, ACertificateObjectThatIsNotDerIsSkipped)
 {
     const TestToken& token = tokens->ecToken();

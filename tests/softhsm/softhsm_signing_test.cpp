@@ -113,24 +113,6 @@ TEST_F(SoftHsmSigningTest, EverySignatureOfALinkedCertificateVerifiesWithItsPubl
     EXPECT_EQ(verified, expectedChecks);
 }
 
-TEST_F(SoftHsmSigningTest, SignDataMatchesSignHashOverTheSameDigest)
-{
-    ASSERT_TRUE(openSession(tokens->main()));
-    ClsCert cert;
-    ASSERT_TRUE(p11->FindCert(XString("privateKey"), XString(""), cert)) << logText();
-    const TokenCert* expected = tokens->main().byDer(derOf(cert));
-    ASSERT_NE(expected, nullptr);
-    const std::string message = "a document";
-    DataBuffer signature;
-    ASSERT_TRUE(p11->SignData(cert, XString("SHA-384"), DataBuffer(message.data(), message.size()), signature));
-    DataBuffer checked;
-    if (expected->ec)
-        ASSERT_TRUE(ClsPkcs11::EcdsaSignatureToDer(signature, checked));
-    else
-        checked.append(signature);
-    EXPECT_TRUE(verifies(expected->der, kHashes[2], digestOf(kHashes[2], message), checked, false));
-}
-
 // A key that insists on its PIN at every signature, on a token of its own.
 TEST_F(SoftHsmSigningTest, ContextSpecificLoginIsMadeForAKeyThatInsists)
 {

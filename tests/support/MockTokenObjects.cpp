@@ -2,24 +2,12 @@
 
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
-#include <openssl/x509.h>
 
 #include <stdexcept>
 
 namespace p11test {
 
 namespace {
-
-std::vector<std::uint8_t> bignumParam(const TestKey& key, const char* name)
-{
-    BIGNUM* bn = nullptr;
-    if (EVP_PKEY_get_bn_param(key.get(), name, &bn) != 1)
-        throw std::runtime_error("no such key parameter");
-    std::vector<std::uint8_t> out(static_cast<std::size_t>(BN_num_bytes(bn)));
-    BN_bn2bin(bn, out.data());
-    BN_free(bn);
-    return out;
-}
 
 std::vector<std::uint8_t> ecPublicPoint(const TestKey& key)
 {
@@ -31,33 +19,20 @@ std::vector<std::uint8_t> ecPublicPoint(const TestKey& key)
     return point;
 }
 
-std::vector<std::uint8_t> ecParams(const TestKey& key)
-{
-    char curve[64] = {};
-    std::size_t len = 0;
-    EVP_PKEY_get_utf8_string_param(key.get(), OSSL_PKEY_PARAM_GROUP_NAME, curve, sizeof curve, &len);
-    ASN1_OBJECT* oid = OBJ_txt2obj(curve, 0);
-    std::vector<std::uint8_t> der(static_cast<std::size_t>(i2d_ASN1_OBJECT(oid, nullptr)));
-    unsigned char* p = der.data();
-    i2d_ASN1_OBJECT(oid, &p);
-    ASN1_OBJECT_free(oid);
-    return der;
-}
-
 void addRsaMaterial(std::vector<mock::Attribute>& attrs, const TestKey& key, const MockKeyOptions& options)
 {
-    std::vector<std::uint8_t> modulus = bignumParam(key, OSSL_PKEY_PARAM_RSA_N);
+    std::vector<std::uint8_t> modulus = keyNumber(key.get(), OSSL_PKEY_PARAM_RSA_N);
     if (options.modulusWithLeadingZero)
         modulus.insert(modulus.begin(), 0x00);
     attrs.push_back(mock::ulongAttr(CKA_KEY_TYPE, CKK_RSA));
     attrs.push_back(mock::bytesAttr(CKA_MODULUS, modulus));
-    attrs.push_back(mock::bytesAttr(CKA_PUBLIC_EXPONENT, bignumParam(key, OSSL_PKEY_PARAM_RSA_E)));
+    attrs.push_back(mock::bytesAttr(CKA_PUBLIC_EXPONENT, keyNumber(key.get(), OSSL_PKEY_PARAM_RSA_E)));
 }
 
 void addEcMaterial(std::vector<mock::Attribute>& attrs, const TestKey& key, const MockKeyOptions& options)
 {
     attrs.push_back(mock::ulongAttr(CKA_KEY_TYPE, CKK_EC));
-    attrs.push_back(mock::bytesAttr(CKA_EC_PARAMS, ecParams(key)));
+    attrs.push_back(mock::bytesAttr(CKA_EC_PARAMS, curveOidDer(key.get())));
     std::vector<std::uint8_t> point = ecPublicPoint(key);
     if (options.ecPoint == MockKeyOptions::Point::DerWrapped) {
         point.insert(point.begin(), static_cast<std::uint8_t>(point.size()));
@@ -95,19 +70,6 @@ CK_OBJECT_HANDLE addMockPrivateKey(CK_SLOT_ID slot, const TestKey& key, const Mo
     if (!options.subjectDer.empty())
         attrs.push_back(mock::bytesAttr(CKA_SUBJECT, options.subjectDer));
     return mock::addObject(slot, attrs);
-}
-
-std::vector<std::uint8_t> subjectDerOf(const std::vector<std::uint8_t>& certDer)
-{
-    const unsigned char* p = certDer.data();
-    X509* x = d2i_X509(nullptr, &p, static_cast<long>(certDer.size()));
-    if (x == nullptr)
-        throw std::runtime_error("not a certificate");
-    std::vector<std::uint8_t> der(static_cast<std::size_t>(i2d_X509_NAME(X509_get_subject_name(x), nullptr)));
-    unsigned char* out = der.data();
-    i2d_X509_NAME(X509_get_subject_name(x), &out);
-    X509_free(x);
-    return der;
 }
 
 } // namespace p11test

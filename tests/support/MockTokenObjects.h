@@ -31,7 +31,4 @@ CK_OBJECT_HANDLE addMockCert(CK_SLOT_ID slot, const std::vector<std::uint8_t>& d
                              const std::vector<std::uint8_t>& id = {});
 CK_OBJECT_HANDLE addMockPrivateKey(CK_SLOT_ID slot, const TestKey& key, const MockKeyOptions& options);
 
-// The DER of the subject name of a certificate.
-std::vector<std::uint8_t> subjectDerOf(const std::vector<std::uint8_t>& certDer);
-
 } // namespace p11test

@@ -1,24 +1,33 @@
 #include "TestCertFactory.h"
 
-#include <gtest/gtest.h>
-
 #include <openssl/bn.h>
 #include <openssl/evp.h>
+#include <openssl/objects.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace p11test {
-
-void PkeyFree::operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
 
 namespace {
 
 void check(bool ok, const char* what)
 {
     if (!ok)
-        throw std::runtime_error(what);
+        throw std::runtime_error(std::string("test key or certificate: ") + what);
+}
+
+template <class T, class Encode>
+std::vector<std::uint8_t> derOf(T* object, Encode encode)
+{
+    unsigned char* der = nullptr;
+    const int size = encode(object, &der);
+    check(size > 0, "DER encoding");
+    std::vector<std::uint8_t> out(der, der + size);
+    OPENSSL_free(der);
+    return out;
 }
 
 void addName(X509_NAME* name, const std::vector<NameAttr>& attrs)
@@ -31,11 +40,12 @@ void addName(X509_NAME* name, const std::vector<NameAttr>& attrs)
     }
 }
 
-void addExtension(X509* x, X509* issuer, int nid, const std::string& value)
+void addExtension(X509* x, const std::string& name, const std::string& value)
 {
     X509V3_CTX ctx;
-    X509V3_set_ctx(&ctx, issuer, x, nullptr, nullptr, 0);
-    X509_EXTENSION* ext = X509V3_EXT_conf_nid(nullptr, &ctx, nid, value.c_str());
+    X509V3_set_ctx_nodb(&ctx);
+    X509V3_set_ctx(&ctx, x, x, nullptr, nullptr, 0);
+    X509_EXTENSION* ext = X509V3_EXT_nconf(nullptr, &ctx, name.c_str(), value.c_str());
     check(ext != nullptr, "extension");
     X509_add_ext(x, ext, -1);
     X509_EXTENSION_free(ext);
@@ -75,50 +85,80 @@ void setBasics(X509* x, const CertSpec& spec)
     addName(X509_get_issuer_name(x), spec.issuerKey ? spec.issuer : spec.subject);
 }
 
-std::vector<std::uint8_t> build(const CertSpec& spec)
+std::unique_ptr<X509, decltype(&X509_free)> parse(const std::vector<std::uint8_t>& der)
 {
-    std::unique_ptr<X509, decltype(&X509_free)> x(X509_new(), X509_free);
-    check(x != nullptr && spec.key != nullptr, "x509");
-    setBasics(x.get(), spec);
-    if (!spec.keyUsage.empty())
-        addExtension(x.get(), x.get(), NID_key_usage, spec.keyUsage);
-    addExtension(x.get(), x.get(), NID_subject_key_identifier, "hash");
-    if (!spec.policies.empty())
-        addPolicies(x.get(), spec);
-    EVP_PKEY* signer = spec.issuerKey ? spec.issuerKey.get() : spec.key.get();
-    check(X509_sign(x.get(), signer, EVP_sha256()) > 0, "sign");
-    unsigned char* der = nullptr;
-    const int len = i2d_X509(x.get(), &der);
-    check(len > 0, "i2d");
-    std::vector<std::uint8_t> out(der, der + len);
-    OPENSSL_free(der);
-    return out;
+    const unsigned char* p = der.data();
+    std::unique_ptr<X509, decltype(&X509_free)> x(d2i_X509(nullptr, &p, static_cast<long>(der.size())), X509_free);
+    check(x != nullptr, "not a DER certificate");
+    return x;
+}
+
+TestKey keyOrThrow(EVP_PKEY* key)
+{
+    check(key != nullptr, "key generation");
+    return TestKey(key, EVP_PKEY_free);
 }
 
 } // namespace
 
 TestKey makeRsaKey(unsigned bits)
 {
-    EVP_PKEY* key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(bits));
-    EXPECT_NE(key, nullptr);
-    return TestKey(key, PkeyFree{});
+    return keyOrThrow(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(bits)));
 }
 
 TestKey makeEcKey(const char* curve)
 {
-    EVP_PKEY* key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", curve);
-    EXPECT_NE(key, nullptr);
-    return TestKey(key, PkeyFree{});
+    return keyOrThrow(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", curve));
 }
 
 std::vector<std::uint8_t> makeCertDer(const CertSpec& spec)
 {
-    try {
-        return build(spec);
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "could not make the test certificate: " << e.what();
-        return {};
-    }
+    std::unique_ptr<X509, decltype(&X509_free)> x(X509_new(), X509_free);
+    check(x != nullptr && spec.key != nullptr, "x509");
+    setBasics(x.get(), spec);
+    if (!spec.keyUsage.empty())
+        addExtension(x.get(), "keyUsage", spec.keyUsage);
+    addExtension(x.get(), "subjectKeyIdentifier", "hash");
+    for (const auto& [name, value] : spec.extensions)
+        addExtension(x.get(), name, value);
+    if (!spec.policies.empty())
+        addPolicies(x.get(), spec);
+    EVP_PKEY* signer = spec.issuerKey ? spec.issuerKey.get() : spec.key.get();
+    check(X509_sign(x.get(), signer, EVP_sha256()) > 0, "sign");
+    return derOf(x.get(), i2d_X509);
+}
+
+CertNames namesOf(const std::vector<std::uint8_t>& certDer)
+{
+    const auto x = parse(certDer);
+    return {derOf(X509_get_subject_name(x.get()), i2d_X509_NAME), derOf(X509_get_issuer_name(x.get()), i2d_X509_NAME),
+            derOf(X509_get0_serialNumber(x.get()), i2d_ASN1_INTEGER)};
+}
+
+std::vector<std::uint8_t> subjectDerOf(const std::vector<std::uint8_t>& certDer)
+{
+    return derOf(X509_get_subject_name(parse(certDer).get()), i2d_X509_NAME);
+}
+
+std::vector<std::uint8_t> keyNumber(EVP_PKEY* key, const char* param, std::size_t padTo)
+{
+    BIGNUM* bn = nullptr;
+    check(EVP_PKEY_get_bn_param(key, param, &bn) == 1, param);
+    const std::size_t size = std::max(padTo, static_cast<std::size_t>(BN_num_bytes(bn)));
+    std::vector<std::uint8_t> out(size);
+    BN_bn2binpad(bn, out.data(), static_cast<int>(size));
+    BN_clear_free(bn);
+    return out;
+}
+
+std::vector<std::uint8_t> curveOidDer(EVP_PKEY* key)
+{
+    char group[64] = {};
+    std::size_t len = 0;
+    check(EVP_PKEY_get_group_name(key, group, sizeof group, &len) == 1, "curve name");
+    std::unique_ptr<ASN1_OBJECT, decltype(&ASN1_OBJECT_free)> oid(OBJ_txt2obj(group, 0), ASN1_OBJECT_free);
+    check(oid != nullptr, "curve OID");
+    return derOf(oid.get(), i2d_ASN1_OBJECT);
 }
 
 } // namespace p11test

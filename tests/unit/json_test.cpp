@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <memory>
 #include <string>
 
@@ -65,6 +66,18 @@ TEST(JsonPaths, TypeCodesAndArraySizes)
     EXPECT_TRUE(json->boolOf("b", log));
     EXPECT_FALSE(json->boolOf("s", log));
     EXPECT_FALSE(json->boolOf("missing", log));
+}
+
+// A document may hold numbers no long long can: they clamp, never convert
+// out of range (undefined behaviour that the sanitizers abort on).
+TEST(JsonNumbers, IntegersBeyondLongLongClamp)
+{
+    auto json = load(R"({"big":2.2e42,"small":-2.2e42,"huge":18446744073709551615,"frac":-7.9,"n":-12})");
+    EXPECT_EQ(json->intOf("big"), LLONG_MAX);
+    EXPECT_EQ(json->intOf("small"), LLONG_MIN);
+    EXPECT_EQ(json->intOf("huge"), LLONG_MAX);
+    EXPECT_EQ(json->intOf("frac"), -7);
+    EXPECT_EQ(json->intOf("n"), -12);
 }
 
 TEST(JsonFindRecord, FirstMatchWinsAndCaseIsOptional)

@@ -176,21 +176,6 @@ TEST_F(ObjectsTest, FindObjectMatchesTheTemplateAndReportsReadableAttributes)
     EXPECT_EQ(text(byAttr, "objects[0].attributes.CKA_KEY_TYPE"), "rsa");
 }
 
-TEST_F(ObjectsTest, FindObjectRefusesTemplatesItCannotBuild)
-{
-    ClsJsonObject unknown;
-    unknown.updateBool("attributes.CKA_NO_SUCH_THING", true);
-    EXPECT_FALSE(p11->FindObject(unknown));
-    EXPECT_TRUE(hasError(*p11, "The search template names an unknown attribute."));
-
-    ClsJsonObject badHex;
-    badHex.updateString("id", "xyz");
-    EXPECT_FALSE(p11->FindObject(badHex));
-    EXPECT_TRUE(hasError(*p11, "The search template has a value that does not fit its attribute."));
-    EXPECT_EQ(dataValues(*p11, "member"), std::vector<std::string>{"id"});
-    EXPECT_EQ(mock::callCount("C_FindObjectsInit"), 0);
-}
-
 TEST_F(ObjectsTest, SensitiveAndOversizedAttributesAreAbsent)
 {
     mock::addObject(kSlot,

@@ -1,0 +1,152 @@
+#pragma once
+
+#include "Cryptoki.h"
+
+#include <array>
+#include <cstddef>
+#include <mutex>
+#include <type_traits>
+#include <utility>
+
+#include <unistd.h>
+
+namespace p11client {
+
+// A module that cannot use the operating system's locks is called from one
+// thread at a time. Its callers get a function list of our own whose every
+// entry takes the module's mutex and forwards to the module's own entry; an
+// entry the module lacks stays NULL. Each such module holds one of a fixed
+// number of slots, as a plain C entry point carries no context of its own.
+// Once the module is released, its list answers CKR_CRYPTOKI_NOT_INITIALIZED;
+// a slot goes back to the same module list when it is initialized again, and
+// to another only when no slot of its own is free.
+//
+// The caller (ModuleInitRegistry) serializes acquire and release.
+class SerializedFunctionList {
+public:
+    static constexpr std::size_t kSlots = 16;
+
+    // A list that forwards to target under a mutex of its own; null when
+    // every slot is taken.
+    static CK_FUNCTION_LIST* acquire(CK_FUNCTION_LIST* target);
+    static void release(CK_FUNCTION_LIST* list);
+    // Around fork(): no module call may be half done in the child.
+    static void lockAll();
+    static void unlockAll();
+
+private:
+    struct Slot {
+        std::mutex mutex;
+        bool active = false;                // false: free
+        pid_t owner = 0;                    // a slot of the parent process is free in a child
+        CK_FUNCTION_LIST* target = nullptr; // the module's own list
+        CK_FUNCTION_LIST list{};
+    };
+    static bool isFree(const Slot& slot) { return !slot.active || slot.owner != getpid(); }
+    static std::array<Slot, kSlots>& slots()
+    {
+        static std::array<Slot, kSlots> all;
+        return all;
+    }
+
+    template <std::size_t Index, auto Entry,
+              class Fn = std::remove_reference_t<decltype(std::declval<CK_FUNCTION_LIST&>().*Entry)>>
+    struct Forwarder;
+
+    template <std::size_t Index, auto Entry, class... Args>
+    struct Forwarder<Index, Entry, CK_RV (*)(Args...)> {
+        static CK_RV call(Args... args)
+        {
+            Slot& slot = slots()[Index];
+            std::lock_guard<std::mutex> lock(slot.mutex);
+            if (!slot.active)
+                return CKR_CRYPTOKI_NOT_INITIALIZED;
+            // The module's list is its own memory: an entry there when the
+            // list was made may be gone now.
+            const auto entry = slot.target->*Entry;
+            return entry != nullptr ? entry(args...) : CKR_FUNCTION_NOT_SUPPORTED;
+        }
+    };
+
+    template <std::size_t Index>
+    static CK_FUNCTION_LIST forwardingList(const CK_FUNCTION_LIST& target);
+
+    using ListBuilder = CK_FUNCTION_LIST (*)(const CK_FUNCTION_LIST&);
+    template <std::size_t... Index>
+    static constexpr std::array<ListBuilder, sizeof...(Index)> builders(std::index_sequence<Index...>)
+    {
+        return {&forwardingList<Index>...};
+    }
+};
+
+// Every entry of a version 2 function list.
+#define P11CLIENT_EACH_ENTRY(X)                                                                                    \
+    X(C_Initialize) X(C_Finalize) X(C_GetInfo) X(C_GetFunctionList) X(C_GetSlotList) X(C_GetSlotInfo)              \
+    X(C_GetTokenInfo) X(C_GetMechanismList) X(C_GetMechanismInfo) X(C_InitToken) X(C_InitPIN) X(C_SetPIN)          \
+    X(C_OpenSession) X(C_CloseSession) X(C_CloseAllSessions) X(C_GetSessionInfo) X(C_GetOperationState)            \
+    X(C_SetOperationState) X(C_Login) X(C_Logout) X(C_CreateObject) X(C_CopyObject) X(C_DestroyObject)             \
+    X(C_GetObjectSize) X(C_GetAttributeValue) X(C_SetAttributeValue) X(C_FindObjectsInit) X(C_FindObjects)         \
+    X(C_FindObjectsFinal) X(C_EncryptInit) X(C_Encrypt) X(C_EncryptUpdate) X(C_EncryptFinal) X(C_DecryptInit)     \
+    X(C_Decrypt) X(C_DecryptUpdate) X(C_DecryptFinal) X(C_DigestInit) X(C_Digest) X(C_DigestUpdate)               \
+    X(C_DigestKey) X(C_DigestFinal) X(C_SignInit) X(C_Sign) X(C_SignUpdate) X(C_SignFinal) X(C_SignRecoverInit)   \
+    X(C_SignRecover) X(C_VerifyInit) X(C_Verify) X(C_VerifyUpdate) X(C_VerifyFinal) X(C_VerifyRecoverInit)        \
+    X(C_VerifyRecover) X(C_DigestEncryptUpdate) X(C_DecryptDigestUpdate) X(C_SignEncryptUpdate)                   \
+    X(C_DecryptVerifyUpdate) X(C_GenerateKey) X(C_GenerateKeyPair) X(C_WrapKey) X(C_UnwrapKey) X(C_DeriveKey)     \
+    X(C_SeedRandom) X(C_GenerateRandom) X(C_GetFunctionStatus) X(C_CancelFunction) X(C_WaitForSlotEvent)
+
+template <std::size_t Index>
+CK_FUNCTION_LIST SerializedFunctionList::forwardingList(const CK_FUNCTION_LIST& target)
+{
+    CK_FUNCTION_LIST list{};
+    list.version = target.version;
+#define P11CLIENT_FORWARD(name)                                                                                    \
+    list.name = target.name != nullptr ? &Forwarder<Index, &CK_FUNCTION_LIST::name>::call : nullptr;
+    P11CLIENT_EACH_ENTRY(P11CLIENT_FORWARD)
+#undef P11CLIENT_FORWARD
+    return list;
+}
+
+#undef P11CLIENT_EACH_ENTRY
+
+inline CK_FUNCTION_LIST* SerializedFunctionList::acquire(CK_FUNCTION_LIST* target)
+{
+    static constexpr std::array<ListBuilder, kSlots> build = builders(std::make_index_sequence<kSlots>());
+    for (bool ownSlotOnly : {true, false}) {
+        for (std::size_t i = 0; i < kSlots; ++i) {
+            Slot& slot = slots()[i];
+            std::lock_guard<std::mutex> lock(slot.mutex);
+            if (!isFree(slot) || (ownSlotOnly && slot.target != target))
+                continue;
+            slot.active = true;
+            slot.owner = getpid();
+            slot.target = target;
+            slot.list = build[i](*target);
+            return &slot.list;
+        }
+    }
+    return nullptr;
+}
+
+inline void SerializedFunctionList::release(CK_FUNCTION_LIST* list)
+{
+    for (Slot& slot : slots()) {
+        if (&slot.list != list)
+            continue;
+        std::lock_guard<std::mutex> lock(slot.mutex);
+        slot.active = false;
+    }
+}
+
+inline void SerializedFunctionList::lockAll()
+{
+    for (Slot& slot : slots())
+        slot.mutex.lock();
+}
+
+inline void SerializedFunctionList::unlockAll()
+{
+    for (Slot& slot : slots())
+        slot.mutex.unlock();
+}
+
+} // namespace p11client
