@@ -85,7 +85,7 @@ bool ClsPkcs11::findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBa
     LogContextExitor ctx(log, "findAllKeys");
     std::optional<CK_ULONG> keyType;
     if (!parseKeyFilter(keyFilter, keyType)) {
-        log.LogError("Unknown key filter: use \"rsa\", \"ec\" or an empty filter for all keys.");
+        log.LogError("Unknown key filter: use a key type such as \"rsa\" or \"ec\", or an empty filter for all keys.");
         log.LogDataX("keyFilter", keyFilter);
         return false;
     }

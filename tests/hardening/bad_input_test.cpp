@@ -486,7 +486,7 @@ TEST_F(BadInput, FindAllKeysRefusesAFilterItDoesNotKnow)
         keys.updateString("stale", "value");
         mock::clearCalls();
         expectRefused(p11->FindAllKeys(text(filter), keys),
-                      {"Unknown key filter: use \"rsa\", \"ec\" or an empty filter for all keys.", "Failed."});
+                      {"Unknown key filter: use a key type such as \"rsa\" or \"ec\", or an empty filter for all keys.", "Failed."});
         EXPECT_EQ(dataValues(*p11, "keyFilter"), Lines{filter});
         EXPECT_EQ(keys.jsonTypeOf("stale"), ClsJsonObject::kTypeMissing);
         EXPECT_EQ(mock::callCount("C_FindObjectsInit"), 0);

@@ -106,7 +106,7 @@ TEST_F(ObjectQueryTest, FindAllKeysFiltersByKeyType)
             EXPECT_EQ(jsonText(json, at("keys", i, "keyType")), c.keyType);
     }
     EXPECT_FALSE(p11->FindAllKeys(XString("rsa2048"), json));
-    EXPECT_TRUE(hasError(*p11, "Unknown key filter: use \"rsa\", \"ec\" or an empty filter for all keys."));
+    EXPECT_TRUE(hasError(*p11, "Unknown key filter: use a key type such as \"rsa\" or \"ec\", or an empty filter for all keys."));
 }
 
 TEST_F(ObjectQueryTest, FindAllKeysSeesNoPrivateKeyBeforeTheLogin)

@@ -104,7 +104,7 @@ TEST_F(ObjectsTest, KeyFilterSelectsATypeAndRejectsNonsense)
     EXPECT_EQ(static_cast<CK_OBJECT_HANDLE>(json.intOf("keys[0].handle")), ecKey);
 
     EXPECT_FALSE(p11->FindAllKeys(XString("dsa-ish"), json));
-    EXPECT_TRUE(hasError(*p11, "Unknown key filter: use \"rsa\", \"ec\" or an empty filter for all keys."));
+    EXPECT_TRUE(hasError(*p11, "Unknown key filter: use a key type such as \"rsa\" or \"ec\", or an empty filter for all keys."));
     EXPECT_EQ(json.jsonTypeOf("keys"), ClsJsonObject::kTypeMissing) << "the caller's object is emptied";
 }
 
