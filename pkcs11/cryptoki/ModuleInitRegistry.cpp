@@ -1,5 +1,6 @@
 #include "ModuleInitRegistry.h"
 
+#include "ForkSafeMutex.h"
 #include "SerializedFunctionList.h"
 
 #include <pthread.h>
@@ -20,9 +21,9 @@ struct ImageUse {
     CK_FUNCTION_LIST* serialized = nullptr; // the serializing list, when it cannot lock
 };
 
-std::mutex& registryMutex()
+ForkSafeMutex& registryMutex()
 {
-    static std::mutex m;
+    static ForkSafeMutex m;
     return m;
 }
 
@@ -34,17 +35,19 @@ std::map<void*, ImageUse>& registry()
 
 // fork() from another thread while one of ours initializes, finalizes or is
 // inside a module that cannot lock would leave the child a lock nobody
-// releases: fork waits until they are done.
+// releases: fork waits until they are done (unless the forking thread is the
+// one holding them: a module that starts a helper process from inside
+// C_Initialize or any other call).
 void lockForFork()
 {
-    registryMutex().lock();
-    SerializedFunctionList::lockAll();
+    registryMutex().holdForFork();
+    SerializedFunctionList::holdAllForFork();
 }
 
 void unlockAfterFork()
 {
-    SerializedFunctionList::unlockAll();
-    registryMutex().unlock();
+    SerializedFunctionList::releaseAllAfterFork();
+    registryMutex().releaseAfterFork();
 }
 
 void watchForks()
@@ -86,7 +89,7 @@ bool serializeIfNeeded(ModuleInitRegistry::Outcome& outcome, CK_FUNCTION_LIST* f
 ModuleInitRegistry::Outcome ModuleInitRegistry::acquire(void* image, CK_FUNCTION_LIST* functions)
 {
     watchForks();
-    std::lock_guard<std::mutex> lock(registryMutex());
+    std::lock_guard<ForkSafeMutex> lock(registryMutex());
     Outcome outcome;
     outcome.functions = functions;
     auto it = registry().find(image);
@@ -121,7 +124,7 @@ ModuleInitRegistry::Outcome ModuleInitRegistry::acquire(void* image, CK_FUNCTION
 
 bool ModuleInitRegistry::release(void* image)
 {
-    std::lock_guard<std::mutex> lock(registryMutex());
+    std::lock_guard<ForkSafeMutex> lock(registryMutex());
     auto it = registry().find(image);
     if (it == registry().end() || it->second.users <= 0 || it->second.process != getpid())
         return false;
@@ -140,7 +143,7 @@ bool ModuleInitRegistry::release(void* image)
 
 std::optional<ModuleInitRegistry::SerializedLists> ModuleInitRegistry::serializedLists(void* image)
 {
-    std::lock_guard<std::mutex> lock(registryMutex());
+    std::lock_guard<ForkSafeMutex> lock(registryMutex());
     const auto it = registry().find(image);
     if (it == registry().end() || it->second.process != getpid() || it->second.serialized == nullptr)
         return std::nullopt;
@@ -149,7 +152,7 @@ std::optional<ModuleInitRegistry::SerializedLists> ModuleInitRegistry::serialize
 
 int ModuleInitRegistry::users(void* image)
 {
-    std::lock_guard<std::mutex> lock(registryMutex());
+    std::lock_guard<ForkSafeMutex> lock(registryMutex());
     const auto it = registry().find(image);
     return it != registry().end() && it->second.process == getpid() ? it->second.users : 0;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Cryptoki.h"
+#include "ForkSafeMutex.h"
 #include "FunctionListEntries.h"
 
 #include <array>
@@ -32,12 +33,12 @@ public:
     static CK_FUNCTION_LIST* acquire(CK_FUNCTION_LIST* target);
     static void release(CK_FUNCTION_LIST* list);
     // Around fork(): no module call may be half done in the child.
-    static void lockAll();
-    static void unlockAll();
+    static void holdAllForFork();
+    static void releaseAllAfterFork();
 
 private:
     struct Slot {
-        std::mutex mutex;
+        ForkSafeMutex mutex;
         bool active = false;                // false: free
         pid_t owner = 0;                    // a slot of the parent process is free in a child
         CK_FUNCTION_LIST* target = nullptr; // the module's own list
@@ -59,7 +60,7 @@ private:
         static CK_RV call(Args... args)
         {
             Slot& slot = slots()[Index];
-            std::lock_guard<std::mutex> lock(slot.mutex);
+            std::lock_guard<ForkSafeMutex> lock(slot.mutex);
             if (!slot.active)
                 return CKR_CRYPTOKI_NOT_INITIALIZED;
             // The module's list is its own memory: an entry there when the
@@ -98,7 +99,7 @@ inline CK_FUNCTION_LIST* SerializedFunctionList::acquire(CK_FUNCTION_LIST* targe
     for (bool ownSlotOnly : {true, false}) {
         for (std::size_t i = 0; i < kSlots; ++i) {
             Slot& slot = slots()[i];
-            std::lock_guard<std::mutex> lock(slot.mutex);
+            std::lock_guard<ForkSafeMutex> lock(slot.mutex);
             if (!isFree(slot) || (ownSlotOnly && slot.target != target))
                 continue;
             slot.active = true;
@@ -116,21 +117,21 @@ inline void SerializedFunctionList::release(CK_FUNCTION_LIST* list)
     for (Slot& slot : slots()) {
         if (&slot.list != list)
             continue;
-        std::lock_guard<std::mutex> lock(slot.mutex);
+        std::lock_guard<ForkSafeMutex> lock(slot.mutex);
         slot.active = false;
     }
 }
 
-inline void SerializedFunctionList::lockAll()
+inline void SerializedFunctionList::holdAllForFork()
 {
     for (Slot& slot : slots())
-        slot.mutex.lock();
+        slot.mutex.holdForFork();
 }
 
-inline void SerializedFunctionList::unlockAll()
+inline void SerializedFunctionList::releaseAllAfterFork()
 {
     for (Slot& slot : slots())
-        slot.mutex.unlock();
+        slot.mutex.releaseAfterFork();
 }
 
 } // namespace p11client

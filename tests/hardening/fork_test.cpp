@@ -180,3 +180,36 @@ TEST(ForkWhileInside, AModuleThatCannotLockStaysUsableInTheChild)
     p11.reset();
     EXPECT_EQ(module->finalizeCount(), 1);
 }
+
+// A module that starts a helper process forks while the library holds its
+// own locks around the call (C_Initialize under the initialization registry,
+// every call of a module that cannot lock under its serializer). The fork
+// handlers must not wait for a lock the forking thread itself holds. Run in a
+// child process so that a deadlock ends in SIGALRM rather than a hung suite.
+TEST(ForkInsideTheModule, HelperProcessesStartedInsideCallsDoNotDeadlock)
+{
+    const struct {
+        std::string (*path)();
+        mock::Behaviour behaviour;
+    } modules[] = {
+        {&mock::modulePath, {.forksInInitialize = true}},
+        {&mock::noLockingModulePath, {.refusesOsLocking = true, .forksInInitialize = true, .forksInLogin = true}},
+    };
+    for (const auto& m : modules) {
+        const std::string path = m.path();
+        SCOPED_TRACE(path);
+        const int child = inChild([&] {
+            ModuleControl module(path);
+            module->reset();
+            HardeningToken::put(*module);
+            module->setBehaviour(m.behaviour);
+            std::unique_ptr<ClsPkcs11> p11(ClsPkcs11::createNewCls());
+            p11->put_SharedLibPath(XString(path.c_str()));
+            const bool loggedIn = p11->QuickSession(1, XString(HardeningToken::kUserPin));
+            const bool found = loggedIn && p11->FindAllCerts() && p11->get_NumCerts() == 2;
+            p11.reset();
+            return firstFailure({{1, loggedIn}, {2, found}, {3, !module->initialized()}});
+        });
+        EXPECT_EQ(child, 0) << "-14: deadlocked at the module's fork; 1-2: the calls failed; 3: not finalized";
+    }
+}

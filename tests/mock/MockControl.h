@@ -247,6 +247,10 @@ MOCK_API bool workerRunning();
 struct Behaviour {
     bool refusesOsLocking = false;  // C_Initialize with CKF_OS_LOCKING_OK alone: CKR_CANT_LOCK
     bool workerThread = false;      // C_Initialize starts a thread, C_Finalize stops it
+    // C_Initialize or C_Login starts a helper process (fork, then the child
+    // exits at once), as modules that launch a daemon do.
+    bool forksInInitialize = false;
+    bool forksInLogin = false;
 };
 // reset() returns to the behaviour the image was built with.
 MOCK_API void setBehaviour(const Behaviour& behaviour);

@@ -26,6 +26,7 @@ CK_RV initialize(State& s, const CK_C_INITIALIZE_ARGS* args) {
     s.initialized = true;
     ++s.initializeCount;
     if (s.behaviour.workerThread) startWorker(s);
+    if (s.behaviour.forksInInitialize) forkHelperProcess();
     return CKR_OK;
 }
 

@@ -59,7 +59,10 @@ CK_RV login(State& s, CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8
 
 CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen) {
     return dispatch({.function = "C_Login", .session = hSession, .userType = userType}, Needs::initialized,
-                    [&](State& s, Call&) { return login(s, hSession, userType, pPin, ulPinLen); });
+                    [&](State& s, Call&) {
+                        if (s.behaviour.forksInLogin) forkHelperProcess();
+                        return login(s, hSession, userType, pPin, ulPinLen);
+                    });
 }
 
 CK_RV C_Logout(CK_SESSION_HANDLE hSession) {

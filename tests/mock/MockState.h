@@ -133,6 +133,8 @@ State& state();  // the one instance of the module
 Behaviour imageBehaviour();
 // Starts and stops the worker-thread variant's thread. Caller holds the lock.
 void startWorker(State& s);
+// A helper process started and reaped, as a module that launches a daemon does.
+void forkHelperProcess();
 void stopWorker(State& s);
 
 // Copies `text` into a PKCS#11 fixed-width field: blank-padded, never NUL-terminated.

@@ -1,8 +1,12 @@
-// The thread of the worker-thread variant: started by C_Initialize, stopped
-// by C_Finalize. It runs the module's own code every millisecond, so a
-// module unloaded under it would crash; the mock aborts in that case with a
-// message instead.
+// What a module does on its own: the thread of the worker-thread variant
+// (started by C_Initialize, stopped by C_Finalize; it runs the module's own
+// code every millisecond, so a module unloaded under it would crash, and the
+// mock aborts in that case with a message instead), and the helper process
+// some modules start.
 #include "MockState.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <cstdio>
@@ -43,6 +47,12 @@ void startWorker(State& s) {
 }
 
 void stopWorker(State& s) { s.worker.reset(); }
+
+void forkHelperProcess() {
+    const pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    if (pid > 0) waitpid(pid, nullptr, 0);
+}
 
 // State's constructor and destructor live here, where Worker is complete.
 State::State() { setBehaviour(imageBehaviour()); }
