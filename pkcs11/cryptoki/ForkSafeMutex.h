@@ -19,6 +19,14 @@ public:
         m_owner.store(std::this_thread::get_id());
     }
 
+    bool try_lock()
+    {
+        if (!m_mutex.try_lock())
+            return false;
+        m_owner.store(std::this_thread::get_id());
+        return true;
+    }
+
     void unlock()
     {
         m_owner.store(std::thread::id());

@@ -99,8 +99,11 @@ inline CK_FUNCTION_LIST* SerializedFunctionList::acquire(CK_FUNCTION_LIST* targe
     for (bool ownSlotOnly : {true, false}) {
         for (std::size_t i = 0; i < kSlots; ++i) {
             Slot& slot = slots()[i];
-            std::lock_guard<ForkSafeMutex> lock(slot.mutex);
-            if (!isFree(slot) || (ownSlotOnly && slot.target != target))
+            // A slot with a call in progress is in use. Not waiting for it
+            // also keeps a module that forks inside that call from
+            // deadlocking with this thread, which holds the registry.
+            std::unique_lock<ForkSafeMutex> lock(slot.mutex, std::try_to_lock);
+            if (!lock.owns_lock() || !isFree(slot) || (ownSlotOnly && slot.target != target))
                 continue;
             slot.active = true;
             slot.owner = getpid();
