@@ -1,7 +1,7 @@
 # The token benchmarks: the token builder, the floor program, the library's
 # jobs and the signing benchmark (run by bench/run.sh). Tokens are filled and
 # read with the SoftHSM2 tests' own Cryptoki code.
-include(${PROJECT_SOURCE_DIR}/tests/softhsm/tokenkit.cmake)
+include(${PROJECT_SOURCE_DIR}/tests/support/tokens.cmake)
 
 add_executable(p11bench_mktoken
   ${CMAKE_CURRENT_LIST_DIR}/tokens/MakeToken.cpp

@@ -13,38 +13,27 @@
 #include <memory>
 #include <string>
 
-namespace {
-
 using namespace p11client;
 
 // Loaded once: the embedded document does not change between inputs.
-ClsJsonObject& database()
-{
+static ClsJsonObject& database() {
     static const std::unique_ptr<ClsJsonObject> db = [] {
         std::unique_ptr<ClsJsonObject> json(ClsJsonObject::createNewCls());
         LogNull log;
-        if (!json || !ClsPkcs11::GetCardDataJson(*json, log))
-            std::abort();
+        if (!json || !ClsPkcs11::GetCardDataJson(*json, log)) std::abort();
         return json;
     }();
     return *db;
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string atr(reinterpret_cast<const char*>(data), size);
     StringBuffer name;
     bool readOnly = false;
     ExtPtrArraySb paths;
     _qxLogger log;
     const bool found = ClsPkcs11::CardDataLookupAtr(database(), atr.c_str(), name, readOnly, paths, log);
-    if (found && (name.isEmpty() || paths.getSize() == 0))
-        std::abort();
-    if (!found && !name.isEmpty())
-        std::abort();
-    if (log.depth() != 0)
-        std::abort();
+    if (found ? name.isEmpty() || paths.getSize() == 0 : !name.isEmpty()) std::abort();
+    if (log.depth() != 0) std::abort();
     return 0;
 }

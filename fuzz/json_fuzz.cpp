@@ -12,40 +12,26 @@
 #include <memory>
 #include <string>
 
-namespace {
-
 using namespace p11client;
 
 // Short enough that no path nests a written document past the 128 levels Load takes.
 constexpr std::size_t kMaxPath = 120;
 constexpr std::size_t kMaxDocument = 64 * 1024;
 
-XString text(FuzzedDataProvider& in, std::size_t max = kMaxPath)
-{
-    return XString(in.ConsumeRandomLengthString(max).c_str());
-}
+static XString text(FuzzedDataProvider& in) { return XString(in.ConsumeRandomLengthString(kMaxPath).c_str()); }
 
 // Written out and loaded again, the document stays loadable.
-void roundTrip(ClsJsonObject& json, bool compact)
-{
+static void roundTrip(ClsJsonObject& json, bool compact) {
     json.put_EmitCompact(compact);
     XString out;
-    if (!json.Emit(out))
-        std::abort();
-    ClsJsonObject again;
-    if (!again.Load(out))
-        std::abort();
+    if (ClsJsonObject again; !json.Emit(out) || !again.Load(out)) std::abort();
 }
 
-void own(ClsJsonObject* copy)
-{
-    std::unique_ptr<ClsJsonObject> held(copy);
-    if (held)
-        roundTrip(*held, true);
+static void own(ClsJsonObject* copy) {
+    if (std::unique_ptr<ClsJsonObject> held(copy); held) roundTrip(*held, true);
 }
 
-void query(ClsJsonObject& json, FuzzedDataProvider& in)
-{
+static void query(ClsJsonObject& json, FuzzedDataProvider& in) {
     XString out;
     switch (in.ConsumeIntegralInRange(0, 16)) {
     case 0: json.StringOf(text(in), out); break;
@@ -72,20 +58,12 @@ void query(ClsJsonObject& json, FuzzedDataProvider& in)
     }
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider in(data, size);
     ClsJsonObject json;
-    const std::string document = in.ConsumeRandomLengthString(kMaxDocument);
-    const bool loaded = json.Load(XString(document.c_str()));
-    if (loaded)
-        roundTrip(json, false);
-    while (in.remaining_bytes() > 0)
-        query(json, in);
+    if (json.Load(XString(in.ConsumeRandomLengthString(kMaxDocument).c_str()))) roundTrip(json, false);
+    while (in.remaining_bytes() > 0) query(json, in);
     roundTrip(json, in.ConsumeBool());
-    if (json.m_log.depth() != 0)
-        std::abort();
+    if (json.m_log.depth() != 0) std::abort();
     return 0;
 }

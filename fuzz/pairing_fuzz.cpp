@@ -1,132 +1,106 @@
-// Fuzz target: pairing certificates with private keys over arbitrary values.
-// The input chooses a certificate (one of the real ones, or its own bytes as
-// the certificate value), its CKA_ID, and up to four private keys whose
-// CKA_ID, CKA_SUBJECT, CKA_MODULUS, CKA_EC_POINT, CKA_EC_PARAMS and CKA_SIGN
-// are each absent, the real one, a variant of it or the input's own bytes.
-// The module is honest; the library must neither crash nor misbehave, and a
-// certificate it links must name a private key of the token.
+// Fuzz target: pairing a certificate with private keys over arbitrary
+// values. SoftHSM2 holds one certificate and four private keys (RSA 2048, EC
+// P-256, P-384, P-521); through the shim the input chooses what they report:
+// the certificate's value (one of the four real ones, a mutation, or its own
+// bytes) and CKA_ID, and for each key its type, CKA_ID, CKA_SUBJECT,
+// CKA_MODULUS, CKA_EC_POINT, CKA_EC_PARAMS and CKA_SIGN, each absent, the one
+// of the certificate's key, a variant of it or the input's own bytes. The
+// library must neither crash nor misbehave, a certificate it links must sign
+// with a private key of the token, and no link outlives its session.
 #include "ClsCert.h"
 #include "ClsPkcs11.h"
 #include "DataBuffer.h"
-#include "FuzzTokenMaterial.h"
-#include "MockControl.h"
+#include "FuzzToken.h"
+#include "ShimControl.h"
+#include "SoftHsmToken.h"
 #include "XString.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include <cstdint>
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
-#include <set>
-
-namespace {
+#include <optional>
 
 using namespace p11client;
 using p11fuzz::Bytes;
-using p11fuzz::TokenMaterial;
+using Value = std::optional<Bytes>;
 
-constexpr CK_SLOT_ID kSlot = 1;
-constexpr std::size_t kMaxValue = 2048;
+static Bytes ownBytes(FuzzedDataProvider& in) { return in.ConsumeBytes<std::uint8_t>(in.ConsumeIntegralInRange<std::size_t>(0, 2048)); }
 
-Bytes ownBytes(FuzzedDataProvider& in) { return in.ConsumeBytes<std::uint8_t>(in.ConsumeIntegralInRange<std::size_t>(0, kMaxValue)); }
-
-// One attribute value: absent (empty), the real one, a variant, or the input's bytes.
-Bytes choose(FuzzedDataProvider& in, const Bytes& real, const Bytes& variant)
-{
+static Value choose(FuzzedDataProvider& in, const Bytes& real, const Bytes& variant) {
     switch (in.ConsumeIntegralInRange(0, 3)) {
-    case 0: return {};
+    case 0: return std::nullopt;
     case 1: return real;
     case 2: return variant;
     default: return ownBytes(in);
     }
 }
 
-Bytes withLeadingZero(Bytes b)
-{
-    b.insert(b.begin(), 0x00);
-    return b;
+// An OCTET STRING around the point, the form most tokens give CKA_EC_POINT in.
+static Bytes octetString(Bytes content) {
+    content.insert(content.begin(), {0x04, 0x81, static_cast<std::uint8_t>(content.size())});
+    if (content[2] < 0x80) content.erase(content.begin() + 1);
+    return content;
 }
 
-Bytes certificateValue(FuzzedDataProvider& in, const TokenMaterial& m)
-{
-    if (in.ConsumeBool())
-        return m.certDer;
-    Bytes der = m.certDer;
-    const std::size_t flips = in.ConsumeIntegralInRange<std::size_t>(0, 4);
-    for (std::size_t i = 0; i < flips && !der.empty(); ++i)
+// The objects' handles as they are now (SoftHSM2 numbers them anew as logins
+// come and go), found past the shim by their true class and CKA_ID.
+static std::vector<CK_OBJECT_HANDLE> handles(CK_OBJECT_CLASS cls, std::size_t n) {
+    static p11test::CryptokiModule softhsm(shim::targetPath()); // initialized by the shim
+    const p11test::TokenSession session(softhsm.functions(), p11fuzz::fuzzToken(4, 1).slot);
+    std::vector<CK_OBJECT_HANDLE> out;
+    for (std::uint8_t id = 1; id <= n; ++id)
+        out.push_back(p11test::findObjects(session, {{CKA_CLASS, p11test::ulongValue(cls)}, {CKA_ID, {id}}}).at(0));
+    return out;
+}
+
+static Bytes certificateValue(FuzzedDataProvider& in, const p11fuzz::Pair& m) {
+    if (in.ConsumeBool()) return m.der;
+    Bytes der = m.der;
+    for (std::size_t i = in.ConsumeIntegralInRange<std::size_t>(0, 4); i > 0; --i)
         der[in.ConsumeIntegralInRange<std::size_t>(0, der.size() - 1)] ^= in.ConsumeIntegral<std::uint8_t>();
     return in.ConsumeBool() ? der : ownBytes(in);
 }
 
-std::vector<mock::Attribute> keyAttributes(FuzzedDataProvider& in, const TokenMaterial& m, const Bytes& certId)
-{
-    std::vector<mock::Attribute> key{mock::ulongAttr(CKA_CLASS, CKO_PRIVATE_KEY)};
-    const bool rsa = in.ConsumeBool() ? m.rsa : !m.rsa;
-    key.push_back(mock::ulongAttr(CKA_KEY_TYPE, rsa ? CKK_RSA : CKK_EC));
-    const auto add = [&](CK_ATTRIBUTE_TYPE type, Bytes value) {
-        if (!value.empty() || in.ConsumeBool())
-            key.push_back(mock::bytesAttr(type, std::move(value)));
-    };
-    add(CKA_ID, choose(in, certId, Bytes{0x01}));
-    add(CKA_SUBJECT, choose(in, m.subjectDer, Bytes(m.subjectDer.begin(), m.subjectDer.end() - 1)));
-    if (rsa) {
-        add(CKA_MODULUS, choose(in, m.modulus, withLeadingZero(m.modulus)));
-    } else {
-        add(CKA_EC_POINT, choose(in, p11fuzz::derOctetString(m.ecPoint), m.ecPoint));
-        add(CKA_EC_PARAMS, choose(in, m.ecParams, Bytes{0x06, 0x00}));
-    }
-    const int sign = in.ConsumeIntegralInRange(0, 2);
-    if (sign != 2)
-        key.push_back(mock::boolAttr(CKA_SIGN, sign == 1));
-    return key;
-}
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return p11fuzz::fuzzToken(4, 1), 0; }
 
-std::unique_ptr<ClsPkcs11> loggedIn()
-{
-    std::unique_ptr<ClsPkcs11> p11(ClsPkcs11::createNewCls());
-    p11->put_SharedLibPath(XString(mock::modulePath().c_str()));
-    if (!p11->QuickSession(1, XString("1234")))
-        std::abort();
-    return p11;
-}
-
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    p11fuzz::tokenMaterial();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider in(data, size);
-    const auto& all = p11fuzz::tokenMaterial();
-    const TokenMaterial& m = all[in.ConsumeIntegralInRange<std::size_t>(0, all.size() - 1)];
-    mock::reset();
-    mock::addSlot(kSlot, mock::SlotSpec{});
+    const p11fuzz::Pair& m = p11fuzz::fuzzToken(4, 1).pairs[in.ConsumeIntegralInRange<std::size_t>(0, 3)];
+    shim::reset();
+    std::unique_ptr<ClsPkcs11> p11(ClsPkcs11::createNewCls());
+    p11->put_SharedLibPath(XString(shim::modulePath().c_str()));
+    if (!p11->QuickSession(1, XString(p11test::SoftHsmToken::kUserPin))) std::abort();
+    const CK_OBJECT_HANDLE cert = handles(CKO_CERTIFICATE, 1)[0];
+    const std::vector<CK_OBJECT_HANDLE> keys = handles(CKO_PRIVATE_KEY, 4);
     const Bytes certId = in.ConsumeBool() ? Bytes{0x01} : ownBytes(in);
-    std::vector<mock::Attribute> cert{mock::ulongAttr(CKA_CLASS, CKO_CERTIFICATE),
-                                      mock::ulongAttr(CKA_CERTIFICATE_TYPE, CKC_X_509),
-                                      mock::bytesAttr(CKA_VALUE, certificateValue(in, m))};
-    if (!certId.empty())
-        cert.push_back(mock::bytesAttr(CKA_ID, certId));
-    mock::addObject(kSlot, cert);
-    std::set<CK_OBJECT_HANDLE> keys;
-    const int keyCount = in.ConsumeIntegralInRange(0, 4);
-    for (int i = 0; i < keyCount; ++i)
-        keys.insert(mock::addObject(kSlot, keyAttributes(in, m, certId)));
-
-    std::unique_ptr<ClsPkcs11> p11 = loggedIn();
+    shim::overrideAttribute(cert, CKA_VALUE, certificateValue(in, m));
+    shim::overrideAttribute(cert, CKA_ID, certId.empty() ? Value{} : certId);
+    for (CK_OBJECT_HANDLE key : keys) {
+        const bool rsa = in.ConsumeBool() ? m.rsa : !m.rsa;
+        const auto set = [&](CK_ATTRIBUTE_TYPE type, Value value) { shim::overrideAttribute(key, type, std::move(value)); };
+        set(CKA_KEY_TYPE, p11test::ulongValue(rsa ? CKK_RSA : CKK_EC));
+        set(CKA_ID, choose(in, certId, Bytes{0x01}));
+        set(CKA_SUBJECT, choose(in, m.subject, Bytes(m.subject.begin(), m.subject.end() - 1)));
+        Bytes withZero = m.modulus;
+        withZero.insert(withZero.begin(), 0x00);
+        set(CKA_MODULUS, rsa ? choose(in, m.modulus, withZero) : Value{});
+        set(CKA_EC_POINT, rsa ? Value{} : choose(in, octetString(m.point), m.point));
+        set(CKA_EC_PARAMS, rsa ? Value{} : choose(in, m.curve, Bytes{0x06, 0x00}));
+        const int sign = in.ConsumeIntegralInRange(0, 2);
+        set(CKA_SIGN, sign == 2 ? Value{} : Bytes{static_cast<std::uint8_t>(sign)});
+    }
     ClsCert chosen;
     if (p11->FindCert(XString("privateKey"), XString(""), chosen)) {
-        if (!chosen.HasPrivateKey())
-            std::abort();
+        if (!chosen.HasPrivateKey()) std::abort();
         DataBuffer digest, signature;
         digest.resize(32);
         p11->SignHash(chosen, XString("sha256"), digest, signature);
-        if (mock::lastSignature() && keys.count(mock::lastSignature()->key) == 0)
-            std::abort(); // it signed with something that is no private key of the token
+        for (const shim::Call& c : shim::calls())
+            if (c.function == "C_SignInit" && std::find(keys.begin(), keys.end(), c.object) == keys.end())
+                std::abort(); // it signed with something that is no private key of the token
     }
     p11.reset();
     if (chosen.HasPrivateKey())

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test (unit tests on the
-# mock module and integration tests on a SoftHSM2 token made for the run).
+# Installs what is missing, builds, and runs every test (unit tests, and the
+# library on SoftHSM2 tokens made for the run, behind the fault-injecting shim).
 # usage: scripts/test.sh [BUILD_DIR] [extra cmake arguments...]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)

@@ -9,20 +9,10 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/../.." && pwd)
 seconds=${FUZZ_SECONDS:-60}
-start=$(date +%s)
-last=$start
+# Announces a step with the time spent so far, then runs it.
+step() { echo "== $1 (total ${SECONDS} s)"; "${@:2}"; }
 
-step() {
-  local now
-  now=$(date +%s)
-  echo "== $1 (step $((now - last)) s, total $((now - start)) s)"
-  last=$now
-}
-
-echo "== ThreadSanitizer: build and thread tests"
-"$root/tests/hardening/tsan.sh"
-step "ThreadSanitizer done"
-"$root/fuzz/run.sh" 0
-step "fuzz targets built, seed corpora replayed"
-"$root/fuzz/run.sh" "$seconds"
-step "fuzzing done, ${seconds} s per target"
+step "ThreadSanitizer: build and thread tests" "$root/tests/hardening/tsan.sh"
+step "fuzz targets: build, replay the seed corpora" "$root/fuzz/run.sh" 0
+step "fuzzing, ${seconds} s per target" "$root/fuzz/run.sh" "$seconds"
+echo "== hardening stage done (total ${SECONDS} s)"

@@ -1,123 +1,78 @@
 // One module shared by several objects, modules that cannot lock, a module
-// with a thread of its own, and a thousand cycles of loading and letting go.
-#include "ClsCert.h"
-#include "ClsJsonObject.h"
-#include "DataBuffer.h"
-#include "HardeningFixture.h"
+// whose list loses an entry, and many cycles of loading and letting go (a
+// module with a thread of its own among them).
+#include "Hardening.h"
 
+#include <dlfcn.h>
 #include <unistd.h>
 
-#include <array>
 #include <filesystem>
 
 using namespace p11client;
 using namespace p11test;
+using shim::Image;
 namespace fs = std::filesystem;
 
-namespace {
+static bool isLoaded(Image image) { return imageOf(shim::modulePath(image)) != nullptr; }
 
-const std::string kCannotLock = "The library cannot use the operating system's locks: it is called from one thread at a time.";
+class SharedModule : public HardeningTest, public ::testing::WithParamInterface<Image> {};
 
-std::unique_ptr<ClsPkcs11> objectOn(const std::string& path)
-{
-    std::unique_ptr<ClsPkcs11> p11(ClsPkcs11::createNewCls());
-    p11->put_SharedLibPath(XString(path.c_str()));
-    return p11;
-}
-
-void* imageOf(const std::string& path)
-{
-    void* image = dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
-    if (image != nullptr)
-        dlclose(image); // the handle stays valid while the objects hold the image
-    return image;
-}
-
-class SharedModuleTest : public ::testing::TestWithParam<std::string (*)()> {
-protected:
-    void SetUp() override
-    {
-        mock::reset();
-        control = std::make_unique<ModuleControl>(GetParam()());
-        (*control)->reset();
-        HardeningToken::put(**control);
-    }
-    std::unique_ptr<ModuleControl> control;
-};
-
-} // namespace
-
-TEST_P(SharedModuleTest, ObjectsOnOneFileShareOneInitializationAndTheLastFinalizes)
-{
-    const std::string path = GetParam()();
+// A module that cannot lock is initialized again without arguments and
+// called through the library's own serializing list.
+TEST_P(SharedModule, ObjectsOnOneFileShareOneInitializationAndTheLastFinalizes) {
+    const Image image = GetParam();
+    const std::string path = shim::modulePath(image);
+    const bool cannotLock = image == Image::cannotLock;
     std::array<std::unique_ptr<ClsPkcs11>, 4> objects;
-    for (auto& p11 : objects) {
-        p11 = objectOn(path);
-        ASSERT_TRUE(p11->Initialize());
-        ASSERT_TRUE(p11->OpenSession(-1, false));
+    for (auto& object : objects) {
+        object = objectOn(path);
+        ASSERT_TRUE(object->Initialize());
+        EXPECT_EQ(hasInfo(*object, kCannotLock), cannotLock && object == objects[0]);
+        ASSERT_TRUE(object->OpenSession(-1, false));
     }
-    EXPECT_EQ((*control)->initializeCount(), 1);
+    EXPECT_EQ(shim::callCount("C_Initialize"), cannotLock ? 2 : 1);
+    EXPECT_EQ(shim::lastInitializeHadArgs(image), !cannotLock);
+    EXPECT_EQ(shim::initializeCount(image), 1);
     EXPECT_EQ(ModuleInitRegistry::users(imageOf(path)), 4);
     for (std::size_t i : {2u, 0u, 3u}) {
         objects[i].reset();
-        EXPECT_EQ((*control)->finalizeCount(), 0) << "finalized while objects still use it";
-        EXPECT_TRUE(objects[1]->FindAllCerts()) << "the others' sessions survive";
+        EXPECT_EQ(shim::finalizeCount(image), 0) << "finalized while objects still use it";
+        EXPECT_TRUE(objects[1]->FindAllCerts() && objects[1]->get_NumCerts() == 2) << "the others' sessions survive";
     }
-    EXPECT_EQ((*control)->openSessionCount(), 1u);
+    EXPECT_EQ(shim::openSessionCount(), 1u);
+    void* loaded = imageOf(path);
     objects[1].reset();
-    EXPECT_EQ((*control)->finalizeCount(), 1);
-    EXPECT_EQ((*control)->openSessionCount(), 0u);
-    EXPECT_EQ(ModuleInitRegistry::users(imageOf(path)), 0);
+    EXPECT_EQ(shim::finalizeCount(image), 1);
+    EXPECT_EQ(shim::openSessionCount(), 0u);
+    EXPECT_EQ(ModuleInitRegistry::users(loaded), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modules, SharedModuleTest,
-                         ::testing::Values(&mock::modulePath, &mock::noLockingModulePath),
-                         moduleName);
+INSTANTIATE_TEST_SUITE_P(Images, SharedModule, ::testing::Values(Image::standard, Image::cannotLock),
+                         [](const auto& param) { return param.param == Image::standard ? "ThreadSafe" : "CannotLock"; });
 
-TEST(ModuleThatCannotLock, IsInitializedWithoutArgumentsAndCalledThroughTheLibrarysOwnList)
-{
-    ModuleControl module(mock::noLockingModulePath());
-    module->reset();
-    HardeningToken::put(*module);
-    auto p11 = objectOn(mock::noLockingModulePath());
-    ASSERT_TRUE(p11->Initialize());
-    EXPECT_TRUE(hasInfo(*p11, kCannotLock));
-    EXPECT_EQ(module->callCount("C_Initialize"), 2);
-    EXPECT_FALSE(module->lastInitializeHadArgs());
-    ASSERT_TRUE(p11->QuickSession(1, XString(HardeningToken::kUserPin)));
-    ASSERT_TRUE(p11->FindAllCerts());
-    EXPECT_EQ(p11->get_NumCerts(), 2);
-    p11.reset();
-    EXPECT_EQ(module->finalizeCount(), 1);
-}
-
-// Each module that cannot lock takes one of the library's serializing
-// lists; when none is left, the module is finalized again and refused.
-TEST(ModuleThatCannotLock, BeyondTheSerializersThereAreTheModuleIsRefusedUntilOneIsFree)
-{
+// Each module that cannot lock takes one of the library's 16 serializing
+// lists; when none is left, the module is finalized again and refused until
+// one is free. The 16 are copies of the standard image, each told to refuse
+// the operating system's locks (all but the first then find the image
+// initialized: they share the shim's state); the one refused is the image
+// that cannot lock.
+TEST_F(HardeningTest, BeyondTheSerializersThereAreAModuleThatCannotLockIsRefusedUntilOneIsFree) {
     const fs::path dir = fs::temp_directory_path() / ("p11client-nolock-" + std::to_string(getpid()));
     fs::create_directories(dir);
-    constexpr int kModules = 17; // one more than there are serializing lists
     std::vector<std::unique_ptr<ClsPkcs11>> objects;
-    for (int i = 0; i < kModules; ++i) {
-        const fs::path copy = dir / ("libnolock" + std::to_string(i) + ".so");
-        fs::copy_file(mock::noLockingModulePath(), copy);
-        objects.push_back(objectOn(copy.string()));
+    for (int i = 0; i < 16; ++i) {
+        fs::copy_file(shim::modulePath(), dir / ("libcopy" + std::to_string(i) + ".so"), fs::copy_options::overwrite_existing);
+        objects.push_back(objectOn((dir / ("libcopy" + std::to_string(i) + ".so")).string()));
+        shim::failCall("C_Initialize", CKR_CANT_LOCK);
+        ASSERT_TRUE(objects.back()->Initialize() && hasInfo(*objects.back(), kCannotLock)) << i;
     }
-    for (int i = 0; i + 1 < kModules; ++i)
-        ASSERT_TRUE(objects[static_cast<std::size_t>(i)]->Initialize()) << i;
-    ClsPkcs11& last = *objects.back();
-    EXPECT_FALSE(last.Initialize());
-    EXPECT_EQ(errors(last), (std::vector<std::string>{
-                                "Too many libraries that cannot use the operating system's locks are in use at once.",
-                                "Failed."}));
-    {
-        ModuleControl refused((dir / ("libnolock" + std::to_string(kModules - 1) + ".so")).string());
-        EXPECT_FALSE(refused->initialized()) << "a refused module is finalized again";
-    }
+    auto last = objectOn(shim::modulePath(Image::cannotLock));
+    EXPECT_FALSE(last->Initialize());
+    EXPECT_EQ(errors(*last), lines("Too many libraries that cannot use the operating system's locks are in use at once.|Failed."));
+    EXPECT_FALSE(shim::initialized(Image::cannotLock)) << "a refused module is finalized again";
     objects.front().reset();
-    EXPECT_TRUE(last.Initialize()) << "a serializer set free serves the next";
-    objects.clear();
+    EXPECT_TRUE(last->Initialize()) << "a serializer set free serves the next";
+    objects.clear(), last.reset();
     fs::remove_all(dir);
 }
 
@@ -125,80 +80,48 @@ TEST(ModuleThatCannotLock, BeyondTheSerializersThereAreTheModuleIsRefusedUntilOn
 // whose list loses an entry afterwards (here when someone else in the
 // process asks for it) answers CKR_FUNCTION_NOT_SUPPORTED instead of being
 // called through a null pointer.
-TEST(ModuleThatCannotLock, WhoseListLosesAnEntryLaterIsNotCalledThroughIt)
-{
-    mock::reset();
-    HardeningToken::put();
+TEST_F(HardeningTest, AModuleThatCannotLockWhoseListLosesAnEntryLaterIsNotCalledThroughIt) {
     constexpr CK_ULONG kEntriesFromGenerateKey = 58, kEntriesFromGetInfo = 2;
-    mock::lie("C_GetFunctionList", mock::Lie::shortList, kEntriesFromGenerateKey);
-    mock::failCall("C_Initialize", CKR_CANT_LOCK);
-    auto p11 = objectOn(mock::modulePath());
+    shim::lie("C_GetFunctionList", shim::Lie::shortList, kEntriesFromGenerateKey);
+    shim::failCall("C_Initialize", CKR_CANT_LOCK);
     ASSERT_TRUE(p11->Initialize());
-    mock::lie("C_GetFunctionList", mock::Lie::shortList, kEntriesFromGetInfo);
+    shim::lie("C_GetFunctionList", shim::Lie::shortList, kEntriesFromGetInfo);
     CK_FUNCTION_LIST* changed = nullptr;
-    reinterpret_cast<CK_C_GetFunctionList>(dlsym(imageOf(mock::modulePath()), "C_GetFunctionList"))(&changed);
+    reinterpret_cast<CK_C_GetFunctionList>(dlsym(imageOf(shim::modulePath()), "C_GetFunctionList"))(&changed);
     ASSERT_EQ(changed->C_GetInfo, nullptr);
     ClsJsonObject json;
     EXPECT_FALSE(p11->Discover(false, json));
-    EXPECT_EQ(errors(*p11), (std::vector<std::string>{"C_GetInfo returned CKR_FUNCTION_NOT_SUPPORTED",
-                                                      "Failed to GetInfo", "Failed."}));
-    p11.reset();
-    EXPECT_FALSE(mock::initialized());
+    EXPECT_EQ(errors(*p11), lines("C_GetInfo returned CKR_FUNCTION_NOT_SUPPORTED|Failed to GetInfo|Failed."));
+    destroyAndExpectNothingLeft();
 }
 
-// The worker-thread module aborts the process if it is unloaded with its
-// thread running: surviving the unload is the proof of C_Finalize first.
-TEST(ModuleWithAThread, IsFinalizedBeforeItIsUnloaded)
-{
-    const std::string path = mock::workerThreadModulePath();
-    auto p11 = objectOn(path);
-    ASSERT_TRUE(p11->Initialize());
-    {
-        ModuleControl module(path);
-        EXPECT_TRUE(module->workerRunning());
+// Each cycle loads a module, initializes it and opens a session, then either
+// destroys the object or switches it to the next module (loaded by
+// Discover). Nothing accumulates: descriptors, initializations, sessions,
+// loaded images. The worker-thread image aborts the process if it is
+// unloaded with its thread running: surviving is the proof of C_Finalize first.
+TEST_F(HardeningTest, LoadsInitializationsSessionsAndUnloadsInCyclesLeaveNothingBehind) {
+    constexpr int kCycles = 150;
+    const Image images[] = {Image::standard, Image::workerThread, Image::cannotLock};
+    const auto descriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()); };
+    const auto before = descriptors();
+    for (int i = 0; i < kCycles && !HasFatalFailure(); ++i) {
+        auto object = objectOn(shim::modulePath(images[i % 3]));
+        ASSERT_TRUE(object->Initialize() && object->OpenSession(-1, false)) << i;
+        ClsJsonObject json;
+        if (i % 2 == 1) { // switched to the next module; else destroyed here
+            object->put_SharedLibPath(XString(shim::modulePath(images[(i + 1) % 3]).c_str()));
+            ASSERT_TRUE(object->Discover(true, json)) << i;
+        }
     }
-    p11.reset();
-    EXPECT_FALSE(isLoaded(path)) << "the module was not unloaded";
-}
-
-namespace {
-
-// One cycle: load, initialize, open a session, then either switch the path
-// to the next module (loaded by Discover) or destroy the object.
-void cycle(int i, const std::array<std::string (*)(), 3>& modules)
-{
-    const std::string path = modules[static_cast<std::size_t>(i) % modules.size()]();
-    auto p11 = objectOn(path);
-    ASSERT_TRUE(p11->Initialize()) << path;
-    {
-        ModuleControl module(path);
-        if (path != mock::modulePath())
-            HardeningToken::put(*module);
+    EXPECT_EQ(descriptors(), before);
+    int initializations = 0;
+    for (Image image : images) {
+        EXPECT_EQ(shim::initializeCount(image), shim::finalizeCount(image));
+        EXPECT_FALSE(shim::initialized(image));
+        initializations += shim::initializeCount(image);
     }
-    ASSERT_TRUE(p11->OpenSession(-1, false)) << path;
-    if (i % 2 == 0)
-        return; // destroyed here
-    const std::string next = modules[static_cast<std::size_t>(i + 1) % modules.size()]();
-    p11->put_SharedLibPath(XString(next.c_str()));
-    ClsJsonObject json;
-    ASSERT_TRUE(p11->Discover(true, json)) << next;
-}
-
-} // namespace
-
-TEST(ModuleCycles, AThousandLoadsInitializationsSessionsAndUnloadsLeaveNothingBehind)
-{
-    mock::reset();
-    HardeningToken::put();
-    const std::array<std::string (*)(), 3> modules{&mock::modulePath, &mock::workerThreadModulePath,
-                                                   &mock::noLockingModulePath};
-    const int descriptors = openDescriptors();
-    for (int i = 0; i < 1000 && !::testing::Test::HasFatalFailure(); ++i)
-        cycle(i, modules);
-    EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_EQ(mock::initializeCount(), mock::finalizeCount());
-    EXPECT_GE(mock::initializeCount(), 333);
-    EXPECT_EQ(mock::openSessionCount(), 0u);
-    EXPECT_FALSE(isLoaded(mock::workerThreadModulePath()));
-    EXPECT_FALSE(isLoaded(mock::noLockingModulePath()));
+    EXPECT_EQ(initializations, kCycles + kCycles / 2);
+    EXPECT_EQ(shim::openSessionCount(), 0u);
+    EXPECT_FALSE(isLoaded(Image::workerThread) || isLoaded(Image::cannotLock));
 }

@@ -4,7 +4,7 @@
 // SoftHSM2's own; only the lie is ours.
 //
 // The shim is one shared library (libp11shim_core.so) that holds all state,
-// and a few module images (tiny .so files that link it) that the library
+// and a few module images (tiny .so files that load it) that the library
 // under test dlopen()s: each image has a function list of its own and its own
 // initialization state, so the library sees distinct modules. Tests link
 // libp11shim_core.so and call these functions directly; rules apply to every
@@ -44,45 +44,39 @@ SHIM_API std::string targetPath();
 
 // Ways a module lies. Each applies to the functions liesFor() names.
 enum class Lie : uint8_t {
-    // Any function.
-    doneButFailed,   // forwards, then returns the rule's rv
-    okWithoutDoing,  // CKR_OK without forwarding; out-parameters untouched
+    // Any function: forwards, then returns the rule's rv; or CKR_OK without
+    // forwarding, out-parameters untouched.
+    doneButFailed, okWithoutDoing,
     // C_GetAttributeValue (every attribute of the template, or only the one at
     // index `value` when below the template size), C_Sign, and the count call
     // of C_GetSlotList: this length instead of the true one, with the return
     // value the honest call had. "Under"/"over" are relative to the buffer
     // given, or to the true length in a length query.
-    lengthZero,
-    lengthOne,
-    lengthJustUnder,
-    lengthJustOver,
-    length2Pow31,
-    length2Pow32Minus1,
-    lengthUnavailable,
+    lengthZero, lengthOne, lengthJustUnder, lengthJustOver, length2Pow31, length2Pow32Minus1, lengthUnavailable,
     okLengthOverBuffer,  // CKR_OK with a length larger than the buffer given
     garbageValue,        // C_GetAttributeValue: every value byte garbage, lengths kept
-    // C_GetSlotList.
-    slotsGrow,       // count call: one more; fill call: CKR_BUFFER_TOO_SMALL and one more again
-    slotsShrink,     // count call: one fewer; fill call: one fewer filled
-    slotIdsUnknown,  // IDs no slot has
-    // C_FindObjects.
-    moreObjectsThanAsked,  // a count above the maximum asked (the array holds only that)
-    neverEnding,           // full batches of handles no object has, for ever
-    unknownHandles,        // handles no object has, then the search ends
-    // C_GetInfo, C_GetSlotInfo, C_GetTokenInfo.
-    textNotUtf8,     // text fields of bytes that are not UTF-8
-    textNulPadded,   // text fields "NUL padded" NUL-terminated and NUL-padded
-    numbersGarbage,  // every flag set, versions 255.255, counts beyond 2^63
-    // C_GetFunctionList.
-    nullList,   // CKR_OK with a NULL list
-    shortList,  // a list whose entries from index `value` on (C_Initialize = 0) are NULL
-    // C_OpenSession.
-    noHandle,       // CKR_OK with CK_INVALID_HANDLE (the real session is closed)
-    unknownHandle,  // CKR_OK with a handle no session has (the real session is closed)
-    // C_GetSessionInfo.
-    wrongState,  // reports the security officer logged in (CKS_RW_SO_FUNCTIONS)
-    // C_Initialize.
-    initializedButSaysAlready,  // initializes, then answers CKR_CRYPTOKI_ALREADY_INITIALIZED
+    // C_GetSlotList. slotsGrow: the count call says one more, the fill call
+    // CKR_BUFFER_TOO_SMALL and one more again; slotsShrink: one fewer counted
+    // and filled; slotIdsUnknown: IDs no slot has.
+    slotsGrow, slotsShrink, slotIdsUnknown,
+    // C_FindObjects. moreObjectsThanAsked: a count above the maximum asked (the
+    // array holds only that); neverEnding: full batches of handles no object
+    // has, for ever; unknownHandles: handles no object has, then the end.
+    moreObjectsThanAsked, neverEnding, unknownHandles,
+    // C_GetInfo, C_GetSlotInfo, C_GetTokenInfo: text fields of bytes that are
+    // not UTF-8; "NUL padded" NUL-terminated and NUL-padded; every flag set,
+    // versions 255.255 and counts beyond 2^63.
+    textNotUtf8, textNulPadded, numbersGarbage,
+    // C_GetFunctionList: CKR_OK with a NULL list; a list whose entries from
+    // index `value` on (C_Initialize = 0) are NULL.
+    nullList, shortList,
+    // C_OpenSession: CKR_OK with CK_INVALID_HANDLE, or with a handle no session
+    // has (the real session is closed).
+    noHandle, unknownHandle,
+    // C_GetSessionInfo: reports the security officer logged in (CKS_RW_SO_FUNCTIONS).
+    wrongState,
+    // C_Initialize: initializes, then answers CKR_CRYPTOKI_ALREADY_INITIALIZED.
+    initializedButSaysAlready,
 };
 SHIM_API const char* lieName(Lie lie);
 SHIM_API std::vector<Lie> liesFor(const std::string& function);
@@ -105,11 +99,6 @@ SHIM_API void afterCall(const std::string& function, std::function<void()> actio
 // fork() inside the call (the child _exit()s at once, the parent waits), as
 // modules that start a helper daemon do; then forwards.
 SHIM_API void forkInside(const std::string& function, int times = -1);
-// The next calls of `function` wait inside the shim until unblock().
-SHIM_API void blockInside(const std::string& function, int times = 1);
-SHIM_API void unblock();
-// How many calls are waiting inside the shim because of blockInside.
-SHIM_API int blockedCalls();
 
 // --- rewritten replies ---------------------------------------------------------
 // Token flags as C_GetTokenInfo reports them for every slot: `set` added and
@@ -124,9 +113,10 @@ SHIM_API void rewriteSlotFlags(CK_FLAGS set, CK_FLAGS clear = 0);
 SHIM_API void removeToken(CK_SLOT_ID slot);
 // C_OpenSession on this slot answers rv without forwarding.
 SHIM_API void refuseOpenSession(CK_SLOT_ID slot, CK_RV rv);
-// Empty slots that SoftHSM2 does not have, listed before (front) or after its
-// own; their IDs are 0x5100, 0x5101, ... C_GetSlotInfo describes them ("Shim
-// Slot"), C_GetTokenInfo and C_OpenSession answer CKR_TOKEN_NOT_PRESENT.
+// Empty slots that SoftHSM2 does not have, listed by C_GetSlotList(CK_FALSE)
+// only, before (front) or after its own; their IDs are 0x5100, 0x5101, ...
+// C_GetSlotInfo describes them ("Shim Slot"), C_GetTokenInfo and
+// C_OpenSession answer CKR_TOKEN_NOT_PRESENT.
 SHIM_API std::vector<CK_SLOT_ID> addEmptySlots(int count, bool front = false);
 // C_GetAttributeValue of this object reports the attribute with this value,
 // whatever SoftHSM2 keeps (e.g. CKA_EC_POINT on an EC private key), or as
@@ -142,20 +132,17 @@ SHIM_API void overrideAttribute(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type,
 // lie of liesFor() chosen by the next byte, the byte after as its value. An
 // exhausted stream answers honestly; an empty one ends the hostile mode.
 SHIM_API void setHostileStream(std::vector<uint8_t> bytes);
-SHIM_API std::vector<CK_RV> hostileReturnValues();
 
 // --- record ----------------------------------------------------------------------
 // One entry point call as the shim received it. PINs are never recorded.
 struct Call {
     std::string function;
     Image image = Image::standard;
-    CK_SLOT_ID slot = 0;            // the slot argument
+    CK_SLOT_ID slot = 0;            // the slot argument, else the slot of the session
     CK_SESSION_HANDLE session = 0;  // the session argument; C_OpenSession: the new handle
     CK_ULONG userType = 0;          // C_Login
-    CK_FLAGS flags = 0;             // C_Initialize: args flags; C_OpenSession: flags
     CK_OBJECT_HANDLE object = 0;    // C_GetAttributeValue, C_SignInit: the object or key
-    CK_ULONG count = 0;             // C_FindObjects: max count; templates: their size
-    std::vector<CK_ATTRIBUTE_TYPE> attributeTypes{};  // C_FindObjectsInit, C_GetAttributeValue
+    std::vector<CK_ATTRIBUTE_TYPE> attributeTypes{};  // C_GetAttributeValue
     CK_RV result = CKR_OK;
 };
 SHIM_API std::vector<Call> calls();

@@ -9,61 +9,42 @@
 
 namespace p11test {
 
+using p11client::ClsBase;
 using p11client::LogEntry;
+using Lines = std::vector<std::string>;
 
-inline std::vector<std::string> linesOfKind(const std::vector<LogEntry>& log, LogEntry::Kind kind)
+// The texts of the entries of this kind (and this tag, when one is given), in order.
+inline Lines linesOfKind(const std::vector<LogEntry>& log, LogEntry::Kind kind, const char* tag = nullptr)
 {
-    std::vector<std::string> out;
+    Lines out;
     for (const LogEntry& e : log)
-        if (e.kind == kind)
+        if (e.kind == kind && (tag == nullptr || e.tag == tag))
             out.push_back(e.text);
     return out;
 }
 
-inline std::vector<std::string> errors(p11client::ClsBase& obj)
-{
-    return linesOfKind(obj.get_LogEntries(), LogEntry::Kind::Error);
-}
+inline Lines errors(ClsBase& obj) { return linesOfKind(obj.get_LogEntries(), LogEntry::Kind::Error); }
 
-inline std::vector<std::string> infos(p11client::ClsBase& obj)
-{
-    return linesOfKind(obj.get_LogEntries(), LogEntry::Kind::Info);
-}
+inline Lines infos(ClsBase& obj) { return linesOfKind(obj.get_LogEntries(), LogEntry::Kind::Info); }
 
-inline bool hasError(p11client::ClsBase& obj, const std::string& text)
-{
-    const auto e = errors(obj);
-    return std::find(e.begin(), e.end(), text) != e.end();
-}
+inline bool hasError(ClsBase& obj, const std::string& text) { return std::ranges::count(errors(obj), text) > 0; }
 
-inline bool hasInfo(p11client::ClsBase& obj, const std::string& text)
-{
-    const auto i = infos(obj);
-    return std::find(i.begin(), i.end(), text) != i.end();
-}
+inline bool hasInfo(ClsBase& obj, const std::string& text) { return std::ranges::count(infos(obj), text) > 0; }
 
 // Values of every Data line with this tag, in order.
-inline std::vector<std::string> dataValues(p11client::ClsBase& obj, const std::string& tag)
-{
-    std::vector<std::string> out;
-    for (const LogEntry& e : obj.get_LogEntries())
-        if (e.kind == LogEntry::Kind::Data && e.tag == tag)
-            out.push_back(e.text);
-    return out;
-}
+inline Lines dataValues(ClsBase& obj, const std::string& tag) { return linesOfKind(obj.get_LogEntries(), LogEntry::Kind::Data, tag.c_str()); }
 
 // The name of the innermost context open when the first entry with this text was written.
-inline std::optional<std::string> contextOf(p11client::ClsBase& obj, const std::string& text)
+inline std::optional<std::string> contextOf(ClsBase& obj, const std::string& text)
 {
-    std::vector<std::string> open;
-    for (const LogEntry& e : obj.get_LogEntries()) {
+    Lines open{""};
+    for (const LogEntry& e : obj.get_LogEntries())
         if (e.kind == LogEntry::Kind::ContextEnter)
             open.push_back(e.tag);
-        else if (e.kind == LogEntry::Kind::ContextLeave && !open.empty())
+        else if (e.kind == LogEntry::Kind::ContextLeave && open.size() > 1)
             open.pop_back();
         else if (e.text == text)
-            return open.empty() ? std::string() : open.back();
-    }
+            return open.back();
     return std::nullopt;
 }
 

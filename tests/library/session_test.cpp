@@ -1,0 +1,133 @@
+// Discovery, sessions, login and token administration.
+#include "TestTokens.h"
+
+using namespace p11test;
+
+using SessionTest = TokenTest;
+
+static const XString kUserPin(SoftHsmToken::kUserPin), kSoPin(SoftHsmToken::kSoPin);
+
+static std::string versionOf(const CK_VERSION& v) { return std::to_string(v.major) + "." + std::to_string(v.minor); }
+
+static std::string at(const std::vector<CK_SLOT_ID>& slots, CK_SLOT_ID slot)
+{
+    return "slots[" + std::to_string(std::ranges::find(slots, slot) - slots.begin()) + "].";
+}
+
+// Discovery reports trimmed values; any slot skips a slot that refuses a
+// session; a given slot must hold a token.
+TEST_F(SessionTest, DiscoverReportsLibrarySlotsAndTokensAndOpenSessionFindsASlotWithAToken)
+{
+    const std::vector<CK_SLOT_ID> slots = tokens.module.tokenSlots();
+    std::vector<CK_SLOT_ID> present = slots;
+    std::erase(present, tokens.admin);
+    CK_INFO info{};
+    tokens.module.functions()->C_GetInfo(&info);
+    shim::rewriteSlotFlags(CKF_REMOVABLE_DEVICE);
+    shim::rewriteTokenFlags(CKF_USER_PIN_COUNT_LOW);
+    shim::removeToken(tokens.admin);
+    EXPECT_FALSE(p11->OpenSession(-1, false));
+    EXPECT_EQ(errors(*p11), (Lines{"PKCS11 functions not available", "Failed to get slot IDs", "Failed."}));
+    ASSERT_TRUE(p11->Discover(false, json));
+    EXPECT_EQ(texts("library.", {"cryptokiVersion", "manufacturer", "libraryVersion"}),
+              (Lines{versionOf(info.cryptokiVersion), "SoftHSM", versionOf(info.libraryVersion)}));
+    ASSERT_EQ(json.SizeOfArray(XString("slots")), static_cast<int>(slots.size()));
+    EXPECT_EQ(texts(at(slots, tokens.main.slot), {"id", "token.label", "token.minPinLen", "token.totalPublicMemory", "token.flags.userPinCountLow",
+                                                  "token.flags.loginRequired", "token.flags.userPinLocked", "flags.removableDevice"}),
+              (Lines{std::to_string(tokens.main.slot), SoftHsmToken::kLabel, "4", "<none>", "true", "true", "false", "true"}));
+    EXPECT_EQ(json.jsonTypeOf((at(slots, tokens.main.slot) + "token.maxSessionCount").c_str()), ClsJsonObject::kTypeNumber);
+    EXPECT_EQ(texts(at(slots, tokens.admin), {"tokenPresent", "token"}), (Lines{"false", "<none>"}));
+    EXPECT_TRUE(p11->get_VerboseLogging()) << "discovery leaves the log's switch on";
+    ASSERT_TRUE(p11->Discover(true, json));
+    EXPECT_EQ(json.SizeOfArray(XString("slots")), static_cast<int>(present.size()));
+
+    shim::refuseOpenSession(present[0], CKR_SESSION_COUNT);
+    ASSERT_TRUE(p11->OpenSession(-1, true));
+    EXPECT_EQ(recorded(&shim::Call::slot, "C_OpenSession"), (std::vector<CK_SLOT_ID>{present[0], present[1]}));
+    EXPECT_TRUE(hasError(*p11, "C_OpenSession returned CKR_SESSION_COUNT") && p11->hasOpenSession());
+    EXPECT_FALSE(p11->OpenSession(static_cast<int>(tokens.admin), false));
+    EXPECT_EQ(errors(*p11), (Lines{"Did not find desired slot ID.", "Failed."}));
+    EXPECT_TRUE(p11->OpenSession(static_cast<int>(present[1]), false));
+    shim::failCall("C_GetSlotList", CKR_FUNCTION_FAILED);
+    EXPECT_FALSE(p11->Discover(false, json));
+    EXPECT_EQ(text("library.manufacturer"), "SoftHSM");
+}
+
+TEST_F(SessionTest, LoginStateFollowsTheTokenThroughLogoutCloseAndASecondObject)
+{
+    ASSERT_TRUE(openSession(tokens.main.slot, false));
+    LogNull log;
+    ASSERT_TRUE(p11->Login(0, kSoPin) && p11->alreadyLoggedIn(0, log) && p11->Logout() && !p11->alreadyLoggedIn(0, log)
+                && p11->Login(1, kUserPin)) << logText();
+    for (const auto& [type, in] : {std::pair{1, true}, {-1, true}, {0, false}, {2, false}})
+        EXPECT_EQ(p11->alreadyLoggedIn(type, log), in) << type;
+
+    ASSERT_TRUE(p11->OpenSession(tokens.main.slotNumber(), false));
+    EXPECT_TRUE(shim::openSessionCount() == 1 && shim::callCount("C_CloseSession") == 1);
+    EXPECT_FALSE(p11->alreadyLoggedIn(1, log)) << "closing the token's only session logged it out";
+
+    ASSERT_TRUE(p11->Login(1, kUserPin));
+    const std::unique_ptr<ClsPkcs11> others[] = {newObject(), newObject()}; // read-only, read-write
+    for (bool readWrite : {false, true}) {
+        ClsPkcs11& other = *others[readWrite];
+        ASSERT_TRUE(other.Initialize() && other.OpenSession(tokens.main.slotNumber(), readWrite));
+        // A new session on a token where the user is logged in; CKR_USER_ALREADY_LOGGED_IN is no failure.
+        EXPECT_TRUE(other.alreadyLoggedIn(1, log) && other.Login(1, kUserPin) && hasInfo(other, "Already logged in.")) << readWrite;
+    }
+
+    shim::failCall("C_CloseSession", CKR_SESSION_HANDLE_INVALID);
+    EXPECT_FALSE(p11->CloseSession()) << "the public call reports what the module said";
+    EXPECT_FALSE(p11->hasOpenSession() || p11->alreadyLoggedIn(1, log)) << "the session is gone all the same";
+}
+
+// An empty PIN is only for a token with a PIN pad, a context PIN is only
+// kept; a quick session logs in only with a PIN.
+TEST_F(SessionTest, PinsWithoutALoginAndQuickSessionPathsToTheEndOfTheObject)
+{
+    ASSERT_TRUE(openSession(tokens.main.slot, false));
+    shim::rewriteTokenFlags(CKF_PROTECTED_AUTHENTICATION_PATH);
+    shim::lie("C_Login", shim::Lie::okWithoutDoing); // the PIN is typed on the reader
+    EXPECT_TRUE(p11->Login(1, XString("")) && shim::callCount("C_Login") == 1);
+
+    p11 = newObject();
+    EXPECT_TRUE(p11->Login(2, XString("9876")));
+    EXPECT_EQ(infos(*p11), (Lines{"This is a context-specific PIN, so we're not actually logging in right now...",
+                                  "The context-specific PIN is saved for the time when each signing operation occurs.",
+                                  "At that point, the PIN is used within the context of signing.", "Success."}));
+    XString kept;
+    p11->get_SigContextPin(kept);
+    EXPECT_TRUE(kept.equalsUtf8("9876") && shim::callCount("C_Login") == 1 && shim::callCount("C_Initialize") == 1);
+
+    p11 = newObject();
+    shim::reset();
+    EXPECT_TRUE(p11->QuickSession(1, XString("")) && hasInfo(*p11, "PIN is empty, not logging in.") && p11->hasOpenSession());
+    EXPECT_FALSE(p11->QuickSession(1, XString("0000")));
+    EXPECT_EQ(errors(*p11), (Lines{"C_Login returned CKR_PIN_INCORRECT", "Failed to login."}));
+    EXPECT_TRUE(p11->hasOpenSession() && shim::callCount("C_Initialize") == 1) << "a second quick session does not initialize again";
+    EXPECT_TRUE(p11->QuickSession(1, kUserPin) && shim::openSessionCount() == 1);
+
+    shim::clearCalls();
+    p11.reset();
+    EXPECT_EQ(recorded(&shim::Call::function), (Lines{"C_Logout", "C_CloseSession", "C_Finalize"}));
+    EXPECT_FALSE(shim::initialized());
+}
+
+// The administration token is initialized again: its PINs change for good.
+TEST_F(SessionTest, TokenAndPinAdministration)
+{
+    const int admin = static_cast<int>(tokens.admin);
+    ASSERT_TRUE(p11->Initialize());
+    ASSERT_TRUE(p11->InitToken(admin, kSoPin, XString("Fresh"))) << logText();
+    EXPECT_EQ(p11->get_LogEntries().front().tag, "FindCert_pkcs11");
+    EXPECT_EQ(tokens.module.slotOfToken("Fresh"), tokens.admin) << "the label is padded";
+    EXPECT_TRUE(!p11->InitToken(admin, kSoPin, XString(std::string(33, 'x').c_str())) && hasError(*p11, "The token label is longer than 32 bytes."));
+    EXPECT_FALSE(p11->InitToken(admin, XString("wrong-pin"), XString("x")));
+    EXPECT_EQ(contextOf(*p11, "C_InitToken returned CKR_PIN_INCORRECT"), "FindCert_pkcs11") << "the context it logs under";
+
+    ASSERT_TRUE(p11->OpenSession(admin, true));
+    EXPECT_TRUE(!p11->InitPin(XString("5555")) && hasError(*p11, "C_InitPIN returned CKR_USER_NOT_LOGGED_IN"));
+    ASSERT_TRUE(p11->Login(0, kSoPin) && p11->InitPin(XString("5555")) && p11->Logout());
+    EXPECT_FALSE(p11->Login(1, kUserPin));
+    ASSERT_TRUE(p11->Login(1, XString("5555")) && p11->SetPin(XString("5555"), XString("4321")) && p11->Logout());
+    EXPECT_TRUE(p11->Login(1, XString("4321")));
+}

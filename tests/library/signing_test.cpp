@@ -1,0 +1,69 @@
+// Signing through the library: every signature verifies with the
+// certificate's public key in OpenSSL.
+#include "Certificate.h"
+#include "ClsCert.h"
+#include "DataBuffer.h"
+#include "TestTokens.h"
+
+using namespace p11test;
+
+using SigningTest = TokenTest;
+
+TEST_F(SigningTest, EverySignatureOfALinkedCertificateVerifiesWithItsPublicKey)
+{
+    const std::pair<const char*, const char*> hashes[] = {{"sha1", "sha1"}, {"SHA-256", "sha256"}, {"sha384", "sha384"}, {"Sha512", "sha512"}};
+    ASSERT_TRUE(openSession(tokens.main.slot) && p11->FindAllCerts());
+    DataBuffer signature;
+    int signatures = 0;
+    for (const auto& certificate : cachedCerts()) {
+        const TokenCert& c = *tokens.main.byDer(derOf(*certificate));
+        ClsCert cert;
+        if (!c.keyOnToken() || !p11->linkCertToPkcs11Session(certificate.get(), false, p11->m_log) || !cert.injectCert(certificate, p11->m_log))
+            continue;
+        for (const auto& [name, openSslName] : hashes)
+            for (bool pss : {false, true}) { // an EC key signs the same either way
+                const Bytes digest = digestOf(openSslName, c.label);
+                p11->put_UsePss(pss);
+                ASSERT_TRUE(p11->SignHash(cert, XString(name), bufferOf(digest), signature)) << logText();
+                EXPECT_TRUE(static_cast<int>(signature.getSize()) == c.signatureSize()
+                            && verifiesDigest(c.der, openSslName, digest, verifiable(signature, c.ec()), pss)) << c.label << name << pss;
+                ++signatures;
+            }
+        ASSERT_TRUE(p11->SignData(cert, XString("sha256"), bufferOf(textValue(c.label)), signature));
+        EXPECT_TRUE(verifiesDigest(c.der, "sha256", digestOf("sha256", c.label), verifiable(signature, c.ec()), true))
+            << c.label << ": the data is hashed first";
+        ++signatures;
+    }
+    EXPECT_EQ(signatures, 7 * 9) << "RSA 2048 and 3072 and P-256, P-384, P-521 were all signed with";
+    EXPECT_EQ(shim::callCount("C_Sign"), signatures) << "a buffer of the expected size needs no length query";
+    EXPECT_FALSE(ClsPkcs11::EcdsaSignatureToDer(DataBuffer("abc", 3), signature)) << "an odd length is no r||s";
+}
+
+// A key that insists on its PIN at every signature.
+TEST_F(SigningTest, AKeyThatInsistsOnTheContextLoginGetsIt)
+{
+    const TokenCert& ec = tokens.main["ec256-id"];
+    ASSERT_TRUE(onScratch([&](const TokenSession& s) {
+        importCertificate(s, ec.der, {"eid", {0x0E}});
+        importPrivateKey(s, ec.key.get(), {"eid", {0x0E}, {}, true});
+    }));
+    ClsCert eid;
+    ASSERT_TRUE(findCert("privateKey", "", eid)) << logText();
+    const DataBuffer digest = bufferOf(digestOf("sha256", "eID"));
+    DataBuffer signature;
+    shim::clearCalls();
+    EXPECT_FALSE(p11->SignHash(eid, XString("sha256"), digest, signature));
+    EXPECT_TRUE(hasError(*p11, "The key needs the PIN at each signature: set SigContextPin or call Login with user type 2.")
+                && shim::callCount("C_SignInit") == 0);
+    ASSERT_TRUE(p11->Login(2, XString("0000")));
+    EXPECT_FALSE(p11->SignHash(eid, XString("sha256"), digest, signature));
+    EXPECT_TRUE(hasError(*p11, "C_Login returned CKR_PIN_INCORRECT") && hasError(*p11, "The context-specific login failed."));
+
+    p11->put_SigContextPin(XString(SoftHsmToken::kUserPin));
+    shim::clearCalls();
+    ASSERT_TRUE(p11->SignHash(eid, XString("sha256"), digest, signature)) << "no operation was left active";
+    EXPECT_TRUE(verifiesDigest(ec.der, "sha256", bytesOf(digest), verifiable(signature, true)));
+    Lines order = recorded([](const shim::Call& c) { return c.function + (c.function == "C_Login" ? std::to_string(c.userType) : ""); });
+    std::erase_if(order, [](const std::string& f) { return !f.starts_with("C_Sign") && !f.starts_with("C_Login"); });
+    EXPECT_TRUE(order == (Lines{"C_SignInit", "C_Login2", "C_Sign"}) && eid.HasPrivateKey()) << "a context login empties no cache";
+}
