@@ -198,14 +198,14 @@ TEST_F(CertsTest, ExtensionsAsXmlAndKeyUsageFirstOctet)
 {
     CertSpec desc = person(s_rsa);
     desc.policies = {"1.2.3.4", "1.3.6.1.4.1.99999.1.2"};
-    desc.cpsUri = "http://example.com/cps?a=1&b=<2>'\"";
+    desc.cpsUri = "http://example.com/cps?a=1&b=<2> '\"";
     desc.keyUsage = "digitalSignature,keyEncipherment,decipherOnly";
     desc.extensions = {{"basicConstraints", "critical,CA:TRUE,pathlen:2"},
                        {"extendedKeyUsage", "clientAuth,emailProtection"}, {"subjectAltName", "email:a@example.com"}};
     auto cert = load(desc);
     const ASN1_OCTET_STRING* ski = X509_get0_subject_key_id(const_cast<X509*>(cert->x509()));
     const std::pair<const char*, std::string> cases[] = {
-        {"2.5.29.32", "<policy><oid>1.2.3.4</oid><cps>http://example.com/cps?a=1&amp;b=&lt;2&gt;&apos;&quot;</cps>"
+        {"2.5.29.32", "<policy><oid>1.2.3.4</oid><cps>http://example.com/cps?a=1&amp;b=&lt;2&gt; &apos;&quot;</cps>"
                       "</policy><policy><oid>1.3.6.1.4.1.99999.1.2</oid></policy>"},
         {"2.5.29.15", "<keyUsage><digitalSignature/><keyEncipherment/><decipherOnly/></keyUsage>"},
         {"2.5.29.19", "<basicConstraints><ca>true</ca><pathLen>2</pathLen></basicConstraints>"},
