@@ -53,7 +53,7 @@ void ClsPkcs11::get_SigContextPin(XString& out)
 void ClsPkcs11::put_SigContextPin(const XString& pin)
 {
     CritSecExitor lock(this);
-    m_sigContextPin.copyFromX(pin);
+    keepContextPin(pin);
 }
 
 bool ClsPkcs11::noFunc(const char* functionName, LogBase& log)

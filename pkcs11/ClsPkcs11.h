@@ -173,6 +173,9 @@ private:
     bool C_Sign(const DataBuffer& data, std::size_t expectedSize, DataBuffer& signature, LogBase& log);
     void refreshLoginState(LogBase& log);
     bool pinUsable(const PinArg& pin, unsigned long slotId, LogBase& log);
+    void keepContextPin(const XString& pin);
+    void forgetContextPin(const char* why, LogBase& log);
+    void forgetContextPinOfOtherToken(unsigned long slotId, LogBase& log);
     void endSessionQuietly(LogBase& log);
     void finalizeQuietly(LogBase& log);
     void clearTokenCaches(LogBase& log);
@@ -251,6 +254,7 @@ private:
     bool m_soLoggedIn = false;
     bool m_userLoggedIn = false;
     XString m_sigContextPin;
+    std::optional<unsigned long> m_contextPinSlot; // the slot whose token the PIN is for, once known
 };
 
 } // namespace p11client

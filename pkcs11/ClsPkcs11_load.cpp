@@ -39,8 +39,10 @@ bool ClsPkcs11::loadPkcs11Dll(bool stripDirectory, LogBase& log)
         return true;
 
     log.LogDataX("sharedLib", m_sharedLibPath);
-    if (!m_dlHandle.isNull())
+    if (!m_dlHandle.isNull()) {
+        forgetContextPin("The context-specific PIN is forgotten with the library it was given for.", log);
         unloadModule(log);
+    }
     if (path.isEmpty()) {
         log.LogError("The SharedLibPath property is not yet set.");
         return false;

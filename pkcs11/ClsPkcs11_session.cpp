@@ -47,7 +47,7 @@ bool ClsPkcs11::Login(int userType, const XString& pin)
         if (!pinIsWhole(pin, m_log))
             return false;
         if (userType == kUserTypeContextSpecific) {
-            m_sigContextPin.copyFromX(pin);
+            keepContextPin(pin);
             logContextPinKept(m_log);
             logSuccessFailure2(true, m_log);
             return true;
@@ -60,7 +60,10 @@ bool ClsPkcs11::Logout()
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "Logout");
-    return runGuarded(m_log, [&] { return C_Logout(m_log); });
+    return runGuarded(m_log, [&] {
+        m_log.LogInfo("Logging out ends the login of every session this application has on the token.");
+        return C_Logout(m_log);
+    });
 }
 
 bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
@@ -107,8 +110,34 @@ bool ClsPkcs11::login(int userType, const char* pin, LogBase& log)
 
 void ClsPkcs11::setContextSpecificPin(const XString& pin, LogBase& log)
 {
-    m_sigContextPin.copyFromX(pin);
+    CritSecExitor lock(this);
+    keepContextPin(pin);
     logContextPinKept(log);
+}
+
+// The context PIN belongs to the token of the session open when it was given,
+// or else to the token of the next session opened: another token's PIN
+// would use up one of that token's tries.
+void ClsPkcs11::keepContextPin(const XString& pin)
+{
+    m_sigContextPin.copyFromX(pin);
+    m_contextPinSlot = m_hSession != 0 ? std::optional<unsigned long>(m_slotId) : std::nullopt;
+}
+
+void ClsPkcs11::forgetContextPin(const char* why, LogBase& log)
+{
+    if (!m_sigContextPin.isEmpty())
+        log.LogInfo(why);
+    m_sigContextPin.clear();
+    m_contextPinSlot.reset();
+}
+
+void ClsPkcs11::forgetContextPinOfOtherToken(unsigned long slotId, LogBase& log)
+{
+    if (m_sigContextPin.isEmpty() || !m_contextPinSlot)
+        m_contextPinSlot = slotId;
+    else if (*m_contextPinSlot != slotId)
+        forgetContextPin("The context-specific PIN belongs to the token of another slot: it is forgotten.", log);
 }
 
 bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&)

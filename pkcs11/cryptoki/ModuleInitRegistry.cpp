@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <map>
+#include <memory>
 #include <mutex>
+#include <utility>
 
 namespace p11client {
 
@@ -19,6 +21,7 @@ struct ImageUse {
     pid_t process = 0;                      // the process that initialized it
     CK_FUNCTION_LIST* module = nullptr;     // the module's own list
     CK_FUNCTION_LIST* serialized = nullptr; // the serializing list, when it cannot lock
+    std::map<CK_SLOT_ID, int> sessions{};   // open sessions of our objects, per slot
 };
 
 ForkSafeMutex& registryMutex()
@@ -68,6 +71,35 @@ CK_RV initializeModule(CK_FUNCTION_LIST* functions, bool& cannotLock)
     return cannotLock ? functions->C_Initialize(nullptr) : rv;
 }
 
+// C_Initialize and C_Finalize of one image run under that image's own lock,
+// so that a slow module delays only the objects that use it, never another
+// module's load nor a fork(). The locks are per process: a child made by
+// fork() while a thread of the parent held one never waits for it. They are
+// never freed (one per image and process), as a parent's may still be held.
+std::mutex& imageMutex(void* image)
+{
+    static auto* mutexes = new std::map<std::pair<pid_t, void*>, std::unique_ptr<std::mutex>>;
+    std::lock_guard<ForkSafeMutex> lock(registryMutex());
+    std::unique_ptr<std::mutex>& m = (*mutexes)[{getpid(), image}];
+    if (!m)
+        m = std::make_unique<std::mutex>();
+    return *m;
+}
+
+// The entry of an image in use by our objects of this process; a parent's
+// entry is dropped (its initialization is the parent's, not ours).
+ImageUse* entryInUse(void* image, ModuleInitRegistry::Outcome& outcome, bool& serializedByParent)
+{
+    auto it = registry().find(image);
+    if (it != registry().end() && it->second.process != getpid()) {
+        outcome.inheritedFromParent = true;
+        serializedByParent = it->second.serialized != nullptr;
+        registry().erase(it);
+        return nullptr;
+    }
+    return it != registry().end() && it->second.users > 0 ? &it->second : nullptr;
+}
+
 // Takes the serializing list a module that cannot lock needs; without one it
 // is not used at all.
 bool serializeIfNeeded(ModuleInitRegistry::Outcome& outcome, CK_FUNCTION_LIST* functions)
@@ -79,8 +111,6 @@ bool serializeIfNeeded(ModuleInitRegistry::Outcome& outcome, CK_FUNCTION_LIST* f
         return true;
     outcome.noSerializerLeft = true;
     outcome.rv = CKR_CANT_LOCK;
-    if (!outcome.initializedElsewhere && functions->C_Finalize != nullptr)
-        functions->C_Finalize(nullptr);
     return false;
 }
 
@@ -89,22 +119,18 @@ bool serializeIfNeeded(ModuleInitRegistry::Outcome& outcome, CK_FUNCTION_LIST* f
 ModuleInitRegistry::Outcome ModuleInitRegistry::acquire(void* image, CK_FUNCTION_LIST* functions)
 {
     watchForks();
-    std::lock_guard<ForkSafeMutex> lock(registryMutex());
+    std::lock_guard<std::mutex> imageLock(imageMutex(image));
     Outcome outcome;
-    outcome.functions = functions;
-    auto it = registry().find(image);
+    outcome.module = outcome.functions = functions;
     bool serializedByParent = false;
-    if (it != registry().end() && it->second.process != getpid()) {
-        outcome.inheritedFromParent = true;
-        serializedByParent = it->second.serialized != nullptr;
-        registry().erase(it);
-        it = registry().end();
-    }
-    if (it != registry().end() && it->second.users > 0) {
-        ++it->second.users;
-        if (it->second.serialized != nullptr)
-            outcome.functions = it->second.serialized;
-        return outcome;
+    {
+        std::lock_guard<ForkSafeMutex> lock(registryMutex());
+        if (ImageUse* use = entryInUse(image, outcome, serializedByParent)) {
+            ++use->users;
+            outcome.module = use->module;
+            outcome.functions = use->serialized != nullptr ? use->serialized : use->module;
+            return outcome;
+        }
     }
     outcome.calledInitialize = true;
     outcome.rv = initializeModule(functions, outcome.cannotLock);
@@ -115,39 +141,82 @@ ModuleInitRegistry::Outcome ModuleInitRegistry::acquire(void* image, CK_FUNCTION
         outcome.initializedElsewhere = true;
         outcome.rv = CKR_OK;
     }
-    if (outcome.rv != CKR_OK || !serializeIfNeeded(outcome, functions))
+    if (outcome.rv != CKR_OK)
         return outcome;
+    std::unique_lock<ForkSafeMutex> lock(registryMutex());
+    if (!serializeIfNeeded(outcome, functions)) {
+        lock.unlock();
+        if (!outcome.initializedElsewhere && functions->C_Finalize != nullptr)
+            functions->C_Finalize(nullptr);
+        return outcome;
+    }
     CK_FUNCTION_LIST* serialized = outcome.cannotLock ? outcome.functions : nullptr;
-    registry()[image] = ImageUse{1, !outcome.initializedElsewhere, getpid(), functions, serialized};
+    registry()[image] = ImageUse{1, !outcome.initializedElsewhere, getpid(), functions, serialized, {}};
     return outcome;
 }
 
 bool ModuleInitRegistry::release(void* image)
 {
-    std::lock_guard<ForkSafeMutex> lock(registryMutex());
-    auto it = registry().find(image);
-    if (it == registry().end() || it->second.users <= 0 || it->second.process != getpid())
-        return false;
-    if (--it->second.users > 0)
-        return false;
-    const ImageUse use = it->second;
-    registry().erase(it);
+    std::lock_guard<std::mutex> imageLock(imageMutex(image));
+    ImageUse use;
+    {
+        std::lock_guard<ForkSafeMutex> lock(registryMutex());
+        auto it = registry().find(image);
+        if (it == registry().end() || it->second.users <= 0 || it->second.process != getpid())
+            return false;
+        if (--it->second.users > 0)
+            return false;
+        use = it->second;
+        registry().erase(it);
+    }
     CK_FUNCTION_LIST* calls = use.serialized != nullptr ? use.serialized : use.module;
     const bool finalize = use.finalizeWhenDone && calls != nullptr && calls->C_Finalize != nullptr;
     if (finalize)
         calls->C_Finalize(nullptr);
-    if (use.serialized != nullptr)
+    if (use.serialized != nullptr) {
+        std::lock_guard<ForkSafeMutex> lock(registryMutex());
         SerializedFunctionList::release(use.serialized);
+    }
     return finalize;
 }
 
-std::optional<ModuleInitRegistry::SerializedLists> ModuleInitRegistry::serializedLists(void* image)
+std::optional<ModuleInitRegistry::Lists> ModuleInitRegistry::listsOf(void* image)
 {
     std::lock_guard<ForkSafeMutex> lock(registryMutex());
     const auto it = registry().find(image);
-    if (it == registry().end() || it->second.process != getpid() || it->second.serialized == nullptr)
+    if (it == registry().end() || it->second.process != getpid() || it->second.users <= 0)
         return std::nullopt;
-    return SerializedLists{it->second.module, it->second.serialized};
+    const ImageUse& use = it->second;
+    return Lists{use.module, use.serialized != nullptr ? use.serialized : use.module};
+}
+
+void ModuleInitRegistry::sessionOpened(void* image, CK_SLOT_ID slot)
+{
+    std::lock_guard<ForkSafeMutex> lock(registryMutex());
+    const auto it = registry().find(image);
+    if (it != registry().end() && it->second.process == getpid())
+        ++it->second.sessions[slot];
+}
+
+void ModuleInitRegistry::sessionClosed(void* image, CK_SLOT_ID slot)
+{
+    std::lock_guard<ForkSafeMutex> lock(registryMutex());
+    const auto it = registry().find(image);
+    if (it == registry().end() || it->second.process != getpid())
+        return;
+    const auto count = it->second.sessions.find(slot);
+    if (count != it->second.sessions.end() && --count->second <= 0)
+        it->second.sessions.erase(count);
+}
+
+int ModuleInitRegistry::sessions(void* image, CK_SLOT_ID slot)
+{
+    std::lock_guard<ForkSafeMutex> lock(registryMutex());
+    const auto it = registry().find(image);
+    if (it == registry().end() || it->second.process != getpid())
+        return 0;
+    const auto count = it->second.sessions.find(slot);
+    return count != it->second.sessions.end() ? count->second : 0;
 }
 
 int ModuleInitRegistry::users(void* image)

@@ -30,23 +30,35 @@ public:
         bool inheritedFromParent = false;  // ... by this process's parent, before fork()
         bool cannotLock = false;           // the module refused the operating system's locks
         bool noSerializerLeft = false;     // ... and too many such modules are in use to call it safely
+        CK_FUNCTION_LIST* module = nullptr;    // the module's own list, the one the image was initialized with
         CK_FUNCTION_LIST* functions = nullptr; // the list to call the module through
     };
 
     // Initializes the image unless one of our objects already did, and counts
-    // the caller as a user when the result is CKR_OK.
+    // the caller as a user when the result is CKR_OK. When it is already in
+    // use, the outcome names the lists it was initialized with: the caller
+    // calls through those, not through the list it fetched itself.
     static Outcome acquire(void* image, CK_FUNCTION_LIST* functions);
     // Drops one user; the last one out finalizes the module (when we
     // initialized it). Returns true when C_Finalize was called.
     static bool release(void* image);
-    // For an image in use that cannot lock: the module's own list and the
-    // serializing one to call it through. Such an image is never asked for
-    // its list again, since that call too would come beside the serialized ones.
-    struct SerializedLists {
+    // For an image in use: the module's list it was initialized with, and the
+    // list to call it through (a serializing one when it cannot lock). The
+    // image is never asked for its list again: some modules hand out a new,
+    // uninitialized list at every C_GetFunctionList, and that call too would
+    // come beside the serialized ones.
+    struct Lists {
         CK_FUNCTION_LIST* module;
-        CK_FUNCTION_LIST* serialized;
+        CK_FUNCTION_LIST* calls;
     };
-    static std::optional<SerializedLists> serializedLists(void* image);
+    static std::optional<Lists> listsOf(void* image);
+    // The sessions our objects hold on each token of an image in use. A
+    // login belongs to the application, not to one session: C_Logout ends it
+    // for every session the process has on the token, so an object that
+    // leaves logs out only when no other object still has a session there.
+    static void sessionOpened(void* image, CK_SLOT_ID slot);
+    static void sessionClosed(void* image, CK_SLOT_ID slot);
+    static int sessions(void* image, CK_SLOT_ID slot); // the caller's included
     // How many objects currently use the image (for diagnostics and tests).
     static int users(void* image);
 };

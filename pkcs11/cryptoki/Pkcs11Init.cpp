@@ -22,14 +22,18 @@ bool ClsPkcs11::checkRv(const char* function, unsigned long rv, LogBase& log, bo
     return false;
 }
 
+// The list is fetched once per loaded image: p11-kit's proxy and client
+// modules hand out a new, uninitialized list at every C_GetFunctionList, and
+// an object on an image in use calls through the list it was initialized with.
 bool ClsPkcs11::getPkcs11Functions(LogBase& log)
 {
-    if (const auto lists = ModuleInitRegistry::serializedLists(m_dlHandle.image())) {
+    if (m_dlHandle.moduleFunctions() != nullptr)
+        return true;
+    if (const auto lists = ModuleInitRegistry::listsOf(m_dlHandle.image())) {
         m_dlHandle.setFunctions(lists->module);
-        m_dlHandle.callThrough(lists->serialized);
+        m_dlHandle.callThrough(lists->calls);
         return true;
     }
-    m_dlHandle.setFunctions(nullptr);
     auto* getFunctionList = reinterpret_cast<CK_C_GetFunctionList>(m_dlHandle.symbol("C_GetFunctionList"));
     if (getFunctionList == nullptr)
         return noFunc("C_GetFunctionList", log);
@@ -78,6 +82,7 @@ bool ClsPkcs11::pkcs11_initialize(LogBase& log)
     if (!checkRv("C_Initialize", outcome.rv, log))
         return false;
     logHowItIsShared(outcome, log);
+    m_dlHandle.setFunctions(outcome.module);
     m_dlHandle.callThrough(outcome.functions);
     m_initialized = true;
     return true;

@@ -2,6 +2,7 @@
 #include "ClsPkcs11.h"
 
 #include "Cryptoki.h"
+#include "ModuleInitRegistry.h"
 #include "PinArg.h"
 
 #include <algorithm>
@@ -113,6 +114,7 @@ bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool quiet, bool readWrite, 
     log.LogDataLong("slotId", static_cast<long>(slotId));
     if (slotId != m_slotId)
         clearTokenCaches(log); // they describe the token of another slot
+    forgetContextPinOfOtherToken(slotId, log);
     const CK_FLAGS flags = CKF_SERIAL_SESSION | (readWrite ? CKF_RW_SESSION : 0);
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
     if (!checkRv("C_OpenSession", f->C_OpenSession(slotId, flags, nullptr, nullptr, &session), log, quiet))
@@ -122,6 +124,7 @@ bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool quiet, bool readWrite, 
         return false;
     }
     m_hSession = session;
+    ModuleInitRegistry::sessionOpened(m_dlHandle.image(), slotId);
     refreshLoginState(log);
     return true;
 }
@@ -149,6 +152,7 @@ bool ClsPkcs11::C_CloseSession(LogBase& log)
         return false;
     const CK_RV rv = f->C_CloseSession(m_hSession);
     if (sessionIsGone(rv)) {
+        ModuleInitRegistry::sessionClosed(m_dlHandle.image(), m_slotId);
         m_hSession = 0;
         m_soLoggedIn = false;
         m_userLoggedIn = false;
@@ -157,15 +161,20 @@ bool ClsPkcs11::C_CloseSession(LogBase& log)
 }
 
 // For cleanup paths: never fails, whatever the module says about a session
-// that may already be gone.
+// that may already be gone. The login is left to the other objects of this
+// process that still have a session on the token: C_Logout would end theirs.
 void ClsPkcs11::endSessionQuietly(LogBase& log)
 {
     CK_FUNCTION_LIST* f = m_dlHandle.functions();
     if (m_hSession != 0 && f != nullptr) {
-        if ((m_soLoggedIn || m_userLoggedIn) && f->C_Logout != nullptr)
+        const bool othersOnToken = ModuleInitRegistry::sessions(m_dlHandle.image(), m_slotId) > 1;
+        if ((m_soLoggedIn || m_userLoggedIn) && othersOnToken)
+            log.LogInfo("Not logging out: another object of this application still has a session on the token.");
+        else if ((m_soLoggedIn || m_userLoggedIn) && f->C_Logout != nullptr)
             checkRv("C_Logout", f->C_Logout(m_hSession), log, true);
         if (f->C_CloseSession != nullptr)
             checkRv("C_CloseSession", f->C_CloseSession(m_hSession), log, true);
+        ModuleInitRegistry::sessionClosed(m_dlHandle.image(), m_slotId);
     }
     m_hSession = 0;
     m_soLoggedIn = false;

@@ -4,9 +4,13 @@
 #include "Hardening.h"
 
 #include <dlfcn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <future>
+#include <thread>
 
 using namespace p11client;
 using namespace p11test;
@@ -124,4 +128,26 @@ TEST_F(HardeningTest, LoadsInitializationsSessionsAndUnloadsInCyclesLeaveNothing
     EXPECT_EQ(initializations, kCycles + kCycles / 2);
     EXPECT_EQ(shim::openSessionCount(), 0u);
     EXPECT_FALSE(isLoaded(Image::workerThread) || isLoaded(Image::cannotLock));
+}
+
+// C_Initialize holds up only its own module: while one module is slow to
+// initialize, another is loaded and initialized, and the process forks.
+TEST_F(HardeningTest, AModuleSlowToInitializeHoldsUpNeitherAnotherModuleNorAFork) {
+    std::promise<void> release;
+    std::atomic<bool> inside = false;
+    shim::afterCall("C_Initialize", [&inside, done = release.get_future().share()] { inside = true; done.wait(); });
+    const auto slow = objectOn(), other = objectOn(shim::modulePath(Image::workerThread));
+    auto slowInit = std::async(std::launch::async, [&] { return slow->Initialize(); });
+    while (!inside)
+        std::this_thread::yield();
+    auto otherInit = std::async(std::launch::async, [&] {
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(0);
+        return waitpid(child, nullptr, 0) == child && other->Initialize();
+    });
+    const bool notHeldUp = otherInit.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    release.set_value();
+    EXPECT_TRUE(notHeldUp && otherInit.get());
+    EXPECT_TRUE(slowInit.get());
 }

@@ -80,6 +80,26 @@ TEST_F(SessionTest, LoginStateFollowsTheTokenThroughLogoutCloseAndASecondObject)
     EXPECT_FALSE(p11->hasOpenSession() || p11->alreadyLoggedIn(1, log)) << "the session is gone all the same";
 }
 
+// A login belongs to the application, not to one session: an object that
+// moves to another session or goes away leaves another object's login alone;
+// an explicit Logout ends it, and says so.
+TEST_F(SessionTest, AnObjectThatLeavesDoesNotLogOutAnotherObjectOnTheToken)
+{
+    ASSERT_TRUE(openSession(tokens.main.slot));
+    const auto other = newObject();
+    ClsCert cert;
+    ASSERT_TRUE(other->Initialize() && other->OpenSession(tokens.main.slotNumber(), false) && findCert("privateKey", "", cert));
+    ASSERT_TRUE(other->FindCert(XString("privateKey"), XString(""), cert)) << "linked to the other object";
+    shim::clearCalls();
+    ASSERT_TRUE(p11->OpenSession(tokens.main.slotNumber(), true));
+    EXPECT_TRUE(hasInfo(*p11, "Not logging out: another object of this application still has a session on the token."));
+    p11.reset();
+    DataBuffer signature;
+    EXPECT_TRUE(other->SignData(cert, XString("sha256"), DataBuffer("data", 4), signature) && shim::callCount("C_Logout") == 0);
+    EXPECT_TRUE(other->Logout() && shim::callCount("C_Logout") == 1);
+    EXPECT_TRUE(hasInfo(*other, "Logging out ends the login of every session this application has on the token."));
+}
+
 // An empty PIN is only for a token with a PIN pad, a context PIN is only
 // kept; a quick session logs in only with a PIN.
 TEST_F(SessionTest, PinsWithoutALoginAndQuickSessionPathsToTheEndOfTheObject)

@@ -66,4 +66,17 @@ TEST_F(SigningTest, AKeyThatInsistsOnTheContextLoginGetsIt)
     Lines order = recorded([](const shim::Call& c) { return c.function + (c.function == "C_Login" ? std::to_string(c.userType) : ""); });
     std::erase_if(order, [](const std::string& f) { return !f.starts_with("C_Sign") && !f.starts_with("C_Login"); });
     EXPECT_TRUE(order == (Lines{"C_SignInit", "C_Login2", "C_Sign"}) && eid.HasPrivateKey()) << "a context login empties no cache";
+
+    // The PIN is the scratch token's: a session on another token forgets it,
+    // and so does another module (which Discover loads).
+    for (const auto& [otherModule, line] : {std::pair{false, "The context-specific PIN belongs to the token of another slot: it is forgotten."},
+                                            {true, "The context-specific PIN is forgotten with the library it was given for."}}) {
+        p11->put_SigContextPin(XString(SoftHsmToken::kUserPin));
+        if (otherModule)
+            p11->put_SharedLibPath(XString(shim::modulePath(shim::Image::workerThread).c_str()));
+        EXPECT_TRUE(otherModule ? p11->Discover(false, json) : p11->OpenSession(tokens.main.slotNumber(), false));
+        XString kept;
+        p11->get_SigContextPin(kept);
+        EXPECT_TRUE(kept.isEmpty() && hasInfo(*p11, line)) << line;
+    }
 }
