@@ -4,9 +4,11 @@
 #include "ClsJsonObject.h"
 #include "ClsPkcs11.h"
 #include "ExtPtrArray.h"
-#include "ClsBase.h"
 #include "StringBuffer.h"
 #include "XString.h"
+
+#include <memory>
+#include <mutex>
 
 namespace p11client {
 
@@ -65,6 +67,22 @@ bool lookupAtr(ClsJsonObject& db, const char* atr, StringBuffer& cardName, bool&
     return haveName;
 }
 
+// The embedded database, decoded at the first lookup that needs it and kept
+// for the process: inflating and parsing it costs far more than a lookup.
+// Lookups only read it.
+ClsJsonObject* embeddedDatabase(LogBase& log)
+{
+    static std::mutex mutex;
+    static std::unique_ptr<ClsJsonObject> database;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (database == nullptr) {
+        std::unique_ptr<ClsJsonObject> decoded(ClsJsonObject::createNewCls());
+        if (decoded != nullptr && ClsPkcs11::GetCardDataJson(*decoded, log))
+            database = std::move(decoded);
+    }
+    return database.get();
+}
+
 } // namespace
 
 bool ClsPkcs11::CardDataLookupAtr(ClsJsonObject& db, const char* atr, StringBuffer& cardName, bool& readOnly,
@@ -82,12 +100,8 @@ bool ClsPkcs11::CardDataLookupAtr2(const char* atr, StringBuffer& cardName, bool
 {
     LogContextExitor ctx(log, "atrToPkcs11Info");
     return runGuarded(log, [&] {
-        ClsJsonObject* db = ClsJsonObject::createNewCls();
-        _clsBaseHolder dbHolder;
-        dbHolder.setClsBasePtr(db);
-        if (db == nullptr || !GetCardDataJson(*db, log))
-            return false;
-        return CardDataLookupAtr(*db, atr, cardName, readOnly, driverPaths, log);
+        ClsJsonObject* db = embeddedDatabase(log);
+        return db != nullptr && CardDataLookupAtr(*db, atr, cardName, readOnly, driverPaths, log);
     });
 }
 

@@ -30,7 +30,7 @@ bool loadCardData(ClsJsonObject& json, LogBase& log)
 
 } // namespace
 
-// Decoded afresh on every call; nothing is cached.
+// Decoded afresh on every call (ATR lookups keep one decoded copy of their own).
 bool ClsPkcs11::GetCardDataJson(ClsJsonObject& json, LogBase& log)
 {
     return runGuarded(log, [&] { return loadCardData(json, log); });
