@@ -70,6 +70,7 @@ bool ClsPkcs11::noFunc(const char* functionName, LogBase& log)
 // loads the library afresh in this process.
 bool ClsPkcs11::noFuncs(LogBase& log)
 {
+    CritSecExitor lock(this);
     if (m_dlHandle.forkedSinceOpen()) {
         log.LogError("This process was forked after the PKCS11 library was loaded: its session and login belong "
                      "to the parent process.");

@@ -118,7 +118,8 @@ public:
     static bool getPkcs11DriverPaths(ClsJsonObject& driver, const char* osKey, ExtPtrArraySb& paths,
                                      LogBase& log);
 
-    // Entry points for the rest of the library; they log into the log given.
+    // Entry points for the rest of the library (the command-line tool among
+    // them); they hold the object's lock and log into the log given.
     bool loadPkcs11Dll_2(LogBase& log);
     void checkSetSpecial(LogBase& log);
     bool discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log);

@@ -50,6 +50,7 @@ bool ClsPkcs11::GetCert(int index, ClsCert& cert)
 // token it has left.
 void ClsPkcs11::clearCertCache(LogBase& log)
 {
+    CritSecExitor lock(this);
     LogContextExitor ctx(log, "clearPkcs11CertCache");
     const int n = m_certs.getSize();
     for (int i = 0; i < n; ++i) {

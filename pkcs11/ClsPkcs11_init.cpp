@@ -31,6 +31,7 @@ bool ClsPkcs11::Discover(bool onlyTokensPresent, ClsJsonObject& json)
 
 bool ClsPkcs11::discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log)
 {
+    CritSecExitor lock(this);
     LogContextExitor ctx(log, "discover");
     json.clear(log);
     if (m_sharedLibPath.isEmpty()) {

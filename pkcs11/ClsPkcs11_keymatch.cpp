@@ -49,6 +49,7 @@ unsigned long ClsPkcs11::scanRsaKeys(DataBuffer Pkcs11_PrivateKey::*field, const
 
 unsigned long ClsPkcs11::findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log)
 {
+    CritSecExitor lock(this);
     DataBuffer id;
     cert.getCkaId(id);
     if (id.isEmpty() || m_rsaKeys.getSize() < 1)
@@ -61,6 +62,7 @@ unsigned long ClsPkcs11::findRsaKeyById(Certificate& cert, bool requireSign, Log
 
 unsigned long ClsPkcs11::findRsaKeyBySubjectDER(Certificate& cert, bool requireSign, LogBase& log)
 {
+    CritSecExitor lock(this);
     DataBuffer der;
     if (!cert.getPartDer(Certificate::kPartSubject, der, log)) {
         log.LogError("Unable to get cert SubjectDN DER.");
@@ -79,6 +81,7 @@ unsigned long ClsPkcs11::findRsaKeyBySubjectDER(Certificate& cert, bool requireS
 // its signed form; both forms are compared.
 unsigned long ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log)
 {
+    CritSecExitor lock(this);
     _qxPublicKey publicKey;
     if (!cert.getCertPublicKey(publicKey, log) || publicKey.getRsaKey() == nullptr)
         return 0;
@@ -98,6 +101,7 @@ unsigned long ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireSign
 unsigned long ClsPkcs11::findPrivKeyHandle(Certificate& cert, bool minimalFirstPass, int& certKeyType,
                                            int& expectedSignatureSize, LogBase& log)
 {
+    CritSecExitor lock(this);
     LogContextExitor ctx(log, "findPrivKeyHandle");
     int bits = 0;
     if (m_certHandleIsKeyHandle) {

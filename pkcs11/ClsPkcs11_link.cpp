@@ -10,6 +10,7 @@ namespace p11client {
 
 bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool minimalFirstPass, LogBase& log)
 {
+    CritSecExitor lock(this);
     LogContextExitor ctx(log, "linkCertToPkcs11Session");
     if (cert == nullptr)
         return false;

@@ -63,6 +63,7 @@ bool ClsPkcs11::loadPkcs11Dll(bool stripDirectory, LogBase& log)
 
 bool ClsPkcs11::loadPkcs11Dll_2(LogBase& log)
 {
+    CritSecExitor lock(this);
     if (loadPkcs11Dll(false, log) || loadPkcs11Dll(true, log))
         return getPkcs11Functions(log);
     // The loader itself is silent about a missing file; say it here.
@@ -75,6 +76,7 @@ bool ClsPkcs11::loadPkcs11Dll_2(LogBase& log)
 
 void ClsPkcs11::checkSetSpecial(LogBase& log)
 {
+    CritSecExitor lock(this);
     m_certHandleIsKeyHandle = m_loadedLibPath.containsSubstringUtf8(kCertHandleIsKeyHandleDriver);
     if (m_certHandleIsKeyHandle)
         log.LogInfo("Will use the certificate handle as the private key handle...");

@@ -153,6 +153,7 @@ ClsPkcs11::KeyRuleOutcome ClsPkcs11::applyPrivateKeyRule(Certificate& cert, bool
 
 bool ClsPkcs11::findPkcs11Cert(_smartcardCertSpec& spec, ClsCert& cert, LogBase& log)
 {
+    CritSecExitor lock(this);
     LogContextExitor ctx(log, "findPkcs11Cert");
     log.LogDataBool("userLoggedIn", m_userLoggedIn);
     if (!m_certsCached && !findAllCerts(log))

@@ -142,6 +142,7 @@ void ClsPkcs11::forgetContextPinOfOtherToken(unsigned long slotId, LogBase& log)
 
 bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&)
 {
+    CritSecExitor lock(this);
     if (m_hSession == 0)
         return false;
     if (userType < 0)

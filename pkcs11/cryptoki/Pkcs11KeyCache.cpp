@@ -134,6 +134,7 @@ bool ClsPkcs11::cacheEcdsaPrivateKeys(bool withPoint, LogBase& log)
 
 void ClsPkcs11::clearPrivateKeyCaches()
 {
+    CritSecExitor lock(this);
     m_rsaKeys.removeAllObjects();
     m_rsaKeysCached = false;
     m_ecKeys.removeAllObjects();

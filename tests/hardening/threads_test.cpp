@@ -99,7 +99,8 @@ INSTANTIATE_TEST_SUITE_P(Loads, ThreadsOnObjects, ::testing::Values(Load{1, 16, 
 // A certificate handed out by FindCert stays shared with the object's cache,
 // which links it again and again on another thread: reading it meanwhile is
 // safe (ThreadSanitizer watches), and the link does not outlive the object.
-// Whether a session is open is read under the object's lock, too.
+// Whether a session is open is read under the object's lock, and a link
+// made meanwhile through the library's own entry point takes it too.
 TEST_F(HardeningTest, LinkedCertificateAndSessionStateReadWhileAnotherThreadOpensAndClosesSessions) {
     ASSERT_TRUE(p11->QuickSession(1, text(token().userPin)));
     ClsCert held;
@@ -108,6 +109,16 @@ TEST_F(HardeningTest, LinkedCertificateAndSessionStateReadWhileAnotherThreadOpen
     raceWithSessions(*p11, [&] { readsLinked += held.HasPrivateKey() ? 1 : 0; });
     EXPECT_GT(readsLinked, 0);
     raceWithSessions(*p11, [&] { readsOpen += p11->hasOpenSession() ? 1 : 0; });
+    {
+        // The entry points the command-line tool calls take the lock too; a
+        // second object's session keeps the user logged in, so keys show.
+        const auto keeper = objectOn();
+        ASSERT_TRUE(keeper->QuickSession(1, text(token().userPin)));
+        LogNull log;
+        int relinked = 0;
+        raceWithSessions(*p11, [&] { relinked += p11->linkCertToPkcs11Session(held.getCertificate().get(), false, log) ? 1 : 0; });
+        EXPECT_GT(relinked, 0);
+    }
     EXPECT_FALSE(p11->hasOpenSession());
     destroyAndExpectNothingLeft();
     EXPECT_FALSE(held.HasPrivateKey()) << "linked to a module that is gone";
