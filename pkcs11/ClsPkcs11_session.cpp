@@ -4,15 +4,11 @@
 #include "PinArg.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdint>
+#include <vector>
 
 namespace p11client {
 
 namespace {
-
-// How many slots with a token openSession considers.
-constexpr unsigned int kSlotCapacity = 100;
 
 void logContextPinKept(LogBase& log)
 {
@@ -67,34 +63,31 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(log, "openSession");
-    std::array<unsigned long, kSlotCapacity> ids{};
-    unsigned int count = kSlotCapacity;
-    if (!getSlotIdsWithTokenPresent(ids.data(), count, log)) {
+    std::vector<CK_SLOT_ID> ids;
+    if (!getSlotIdsWithTokenPresent(ids, log)) {
         log.LogError("Failed to get slot IDs");
         return false;
     }
     if (slotId == -1) {
-        for (unsigned int i = 0; i < count; ++i) {
-            if (C_OpenSession(ids[i], false, readWrite, log)) {
-                m_slotId = ids[i];
+        for (CK_SLOT_ID id : ids) {
+            if (C_OpenSession(id, false, readWrite, log)) {
+                m_slotId = id;
                 return true;
             }
         }
         return false;
     }
     log.LogDataLong("desiredSlotId", slotId);
-    // Slot IDs are compared as the 32-bit values the caller's int carries.
-    const auto wanted = static_cast<std::uint32_t>(slotId);
-    const auto end = ids.begin() + count;
-    const auto found = std::find_if(ids.begin(), end,
-                                     [&](unsigned long id) { return static_cast<std::uint32_t>(id) == wanted; });
-    if (found == end) {
+    CK_SLOT_ID wanted = 0;
+    if (!slotOfNumber(slotId, wanted, log))
+        return false;
+    if (std::ranges::find(ids, wanted) == ids.end()) {
         log.LogError("Did not find desired slot ID.");
         return false;
     }
-    if (!C_OpenSession(*found, false, readWrite, log))
+    if (!C_OpenSession(wanted, false, readWrite, log))
         return false;
-    m_slotId = *found;
+    m_slotId = wanted;
     return true;
 }
 
