@@ -63,7 +63,9 @@ public:
     // (only those with a token when onlyTokensPresent) as JSON.
     bool Discover(bool onlyTokensPresent, ClsJsonObject& json);
     // Opens a session on slotId, or with -1 on the first slot with a token
-    // that accepts one. An open session is closed first.
+    // that accepts one. An open session is closed first. A slot number is
+    // the low 32 bits of the module's slot ID: one that several of the
+    // module's slots share is refused.
     bool OpenSession(int slotId, bool readWrite);
     bool CloseSession();
     // Logs in as security officer (0) or user (1); type 2 only keeps the PIN
@@ -159,24 +161,26 @@ private:
     bool getCryptokiInfo(ClsJsonObject& json, LogBase& log);
     bool getSlotsInfo(bool onlyTokensPresent, bool includeRawFlags, bool stopAtSlotError, ClsJsonObject& json,
                       LogBase& log);
-    bool addSlotInfo(unsigned long slotId, int index, bool includeRawFlags, ClsJsonObject& json, LogBase& log);
-    bool addTokenInfo(unsigned long slotId, int index, bool includeRawFlags, ClsJsonObject& json, LogBase& log);
-    bool getSlotList(bool tokenPresent, std::vector<unsigned long>& slotIds, LogBase& log);
-    bool getSlotIdsWithTokenPresent(unsigned long* ids, unsigned int& count, LogBase& log);
-    bool C_OpenSession(unsigned long slotId, bool quiet, bool readWrite, LogBase& log);
+    bool addSlotInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, ClsJsonObject& json, LogBase& log);
+    bool addTokenInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, ClsJsonObject& json, LogBase& log);
+    bool getSlotList(bool tokenPresent, std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
+    bool getSlotIdsWithTokenPresent(std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
+    // The module's one slot whose ID has the low 32 bits of the caller's int.
+    bool slotOfNumber(int slotNumber, CK_SLOT_ID& slotId, LogBase& log);
+    bool C_OpenSession(CK_SLOT_ID slotId, bool quiet, bool readWrite, LogBase& log);
     bool C_CloseSession(LogBase& log);
     bool C_Login(int userType, const char* pin, bool quiet, LogBase& log);
     bool C_Logout(LogBase& log);
     bool C_SetPIN(const char* oldPin, const char* newPin, LogBase& log);
     bool C_InitPIN(const char* pin, LogBase& log);
-    bool C_InitToken(unsigned long slotId, const char* soPin, const char* label, LogBase& log);
+    bool C_InitToken(CK_SLOT_ID slotId, const char* soPin, const char* label, LogBase& log);
     bool C_SignInit(CK_MECHANISM& mechanism, unsigned long hKey, LogBase& log);
     bool C_Sign(const DataBuffer& data, std::size_t expectedSize, DataBuffer& signature, LogBase& log);
     void refreshLoginState(LogBase& log);
-    bool pinUsable(const PinArg& pin, unsigned long slotId, LogBase& log);
+    bool pinUsable(const PinArg& pin, CK_SLOT_ID slotId, LogBase& log);
     void keepContextPin(const XString& pin);
     void forgetContextPin(const char* why, LogBase& log);
-    void forgetContextPinOfOtherToken(unsigned long slotId, LogBase& log);
+    void forgetContextPinOfOtherToken(CK_SLOT_ID slotId, LogBase& log);
     void endSessionQuietly(LogBase& log);
     void finalizeQuietly(LogBase& log);
     void clearTokenCaches(LogBase& log);
@@ -237,7 +241,7 @@ private:
     XString m_loadedLibPath;
     ModuleLibrary m_dlHandle; // the loaded library and its function list
     unsigned long m_hSession = 0;
-    unsigned long m_slotId = 0;
+    CK_SLOT_ID m_slotId = 0; // of the open session
     ExtPtrArray m_certs; // of CertificateHolder, in token order
     bool m_certsCached = false;
     std::vector<std::weak_ptr<Certificate>> m_linkedCerts; // every certificate this object linked
@@ -255,7 +259,7 @@ private:
     bool m_soLoggedIn = false;
     bool m_userLoggedIn = false;
     XString m_sigContextPin;
-    std::optional<unsigned long> m_contextPinSlot; // the slot whose token the PIN is for, once known
+    std::optional<CK_SLOT_ID> m_contextPinSlot; // the slot whose token the PIN is for, once known
 };
 
 } // namespace p11client

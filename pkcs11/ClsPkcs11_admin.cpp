@@ -3,8 +3,6 @@
 
 #include "PinArg.h"
 
-#include <cstdint>
-
 namespace p11client {
 
 bool ClsPkcs11::SetPin(const XString& oldPin, const XString& newPin)
@@ -29,16 +27,18 @@ bool ClsPkcs11::InitPin(const XString& pin)
 }
 
 // The context is named after the certificate search on purpose: tools that
-// read this log already know the name. The slot number is taken as the 32-bit
-// value the int carries, so every slot ID a module hands out can be named,
-// also those above INT_MAX (-1 is then 0xFFFFFFFF, no "any slot" here).
+// read this log already know the name. The slot number names the module's
+// slot whose ID has its 32 bits, so slot IDs above INT_MAX can be named too
+// (-1 is then 0xFFFFFFFF, no "any slot" here); the token is initialized
+// through that slot's whole ID.
 bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "FindCert_pkcs11");
-    const unsigned long slot = static_cast<std::uint32_t>(slotId);
     const bool ok = runGuarded(m_log, [&] {
-        return pinIsWhole(soPin, m_log) && C_InitToken(slot, soPin.getUtf8(), label.getUtf8(), m_log);
+        CK_SLOT_ID slot = 0;
+        return pinIsWhole(soPin, m_log) && slotOfNumber(slotId, slot, m_log)
+            && C_InitToken(slot, soPin.getUtf8(), label.getUtf8(), m_log);
     });
     logSuccessFailure(ok);
     return ok;

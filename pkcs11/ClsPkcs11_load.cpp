@@ -2,6 +2,7 @@
 #include "ClsPkcs11.h"
 
 #include "FileSys.h"
+#include "TrustedFile.h"
 
 namespace p11client {
 
@@ -49,6 +50,12 @@ bool ClsPkcs11::loadPkcs11Dll(bool stripDirectory, LogBase& log)
     }
     if (!FileSys::fileExistsUtf8(path.getString(), nullptr, nullptr))
         return false;
+    // A library taken from the working directory may have been planted there.
+    std::string why;
+    if (!path.containsSubstring("/") && !workingDirectoryFileTrusted(path.getString(), why)) {
+        log.LogError(("Refusing to load the PKCS11 library from the working directory: " + why).c_str());
+        return false;
+    }
 
     std::string dlError;
     if (!m_dlHandle.open(loaderPathFor(path).c_str(), dlError)) {

@@ -4,15 +4,11 @@
 #include "PinArg.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdint>
+#include <vector>
 
 namespace p11client {
 
 namespace {
-
-// How many slots with a token openSession considers.
-constexpr unsigned int kSlotCapacity = 100;
 
 void logContextPinKept(LogBase& log)
 {
@@ -70,34 +66,31 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(log, "openSession");
-    std::array<unsigned long, kSlotCapacity> ids{};
-    unsigned int count = kSlotCapacity;
-    if (!getSlotIdsWithTokenPresent(ids.data(), count, log)) {
+    std::vector<CK_SLOT_ID> ids;
+    if (!getSlotIdsWithTokenPresent(ids, log)) {
         log.LogError("Failed to get slot IDs");
         return false;
     }
     if (slotId == -1) {
-        for (unsigned int i = 0; i < count; ++i) {
-            if (C_OpenSession(ids[i], false, readWrite, log)) {
-                m_slotId = ids[i];
+        for (CK_SLOT_ID id : ids) {
+            if (C_OpenSession(id, false, readWrite, log)) {
+                m_slotId = id;
                 return true;
             }
         }
         return false;
     }
     log.LogDataLong("desiredSlotId", slotId);
-    // Slot IDs are compared as the 32-bit values the caller's int carries.
-    const auto wanted = static_cast<std::uint32_t>(slotId);
-    const auto end = ids.begin() + count;
-    const auto found = std::find_if(ids.begin(), end,
-                                     [&](unsigned long id) { return static_cast<std::uint32_t>(id) == wanted; });
-    if (found == end) {
+    CK_SLOT_ID wanted = 0;
+    if (!slotOfNumber(slotId, wanted, log))
+        return false;
+    if (std::ranges::find(ids, wanted) == ids.end()) {
         log.LogError("Did not find desired slot ID.");
         return false;
     }
-    if (!C_OpenSession(*found, false, readWrite, log))
+    if (!C_OpenSession(wanted, false, readWrite, log))
         return false;
-    m_slotId = *found;
+    m_slotId = wanted;
     return true;
 }
 
@@ -121,7 +114,7 @@ void ClsPkcs11::setContextSpecificPin(const XString& pin, LogBase& log)
 void ClsPkcs11::keepContextPin(const XString& pin)
 {
     m_sigContextPin.copyFromX(pin);
-    m_contextPinSlot = m_hSession != 0 ? std::optional<unsigned long>(m_slotId) : std::nullopt;
+    m_contextPinSlot = m_hSession != 0 ? std::optional<CK_SLOT_ID>(m_slotId) : std::nullopt;
 }
 
 void ClsPkcs11::forgetContextPin(const char* why, LogBase& log)
@@ -132,7 +125,7 @@ void ClsPkcs11::forgetContextPin(const char* why, LogBase& log)
     m_contextPinSlot.reset();
 }
 
-void ClsPkcs11::forgetContextPinOfOtherToken(unsigned long slotId, LogBase& log)
+void ClsPkcs11::forgetContextPinOfOtherToken(CK_SLOT_ID slotId, LogBase& log)
 {
     if (m_sigContextPin.isEmpty() || !m_contextPinSlot)
         m_contextPinSlot = slotId;

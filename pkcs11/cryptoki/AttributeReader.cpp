@@ -98,24 +98,38 @@ bool AttributeReader::read(CK_FUNCTION_LIST* functions, CK_SESSION_HANDLE sessio
 {
     std::vector<std::size_t> all;
     for (std::size_t i = 0; i < m_values.size(); ++i) {
+        // A fresh zeroed buffer: no byte of the previous object can pass for this one's.
         m_values[i].present = false;
-        m_values[i].value.resize(typicalAttributeLength(m_values[i].type));
+        m_values[i].value.clear();
+        m_values[i].value.resize(typicalAttributeLength(m_values[i].type) + kUnwrittenMargin);
         all.push_back(i);
     }
-    if (all.empty() || !readValues(functions, session, object, all, log))
-        return all.empty();
-    // What did not come back was absent, sensitive or larger than its first
-    // buffer: ask for the lengths of those alone, then read the ones there.
+    if (all.empty() || readPasses(functions, session, object, all, log))
+        return true;
+    // A failed call may have written anything anywhere: nothing of this object is kept.
+    for (AttributeValue& v : m_values) {
+        v.present = false;
+        v.value.clear();
+    }
+    return false;
+}
+
+bool AttributeReader::readPasses(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o,
+                                 const std::vector<std::size_t>& all, LogBase& log)
+{
+    if (!readValues(f, s, o, all, log))
+        return false;
+    // What did not come back was absent, sensitive, larger than its first
+    // buffer or left unwritten: ask for the lengths of those alone, then read
+    // the ones there.
     std::vector<std::size_t> missing;
-    for (std::size_t i = 0; i < m_values.size(); ++i)
+    for (std::size_t i : all)
         if (!m_values[i].present && worthALengthPass(m_values[i]))
             missing.push_back(i);
-    if (missing.empty())
-        return true;
     std::vector<std::size_t> sized;
-    if (!readLengths(functions, session, object, missing, sized, log))
+    if (!missing.empty() && !readLengths(f, s, o, missing, sized, log))
         return false;
-    return sized.empty() || readValues(functions, session, object, sized, log);
+    return sized.empty() || readValues(f, s, o, sized, log);
 }
 
 // Whether an attribute the first read did not return may still be there,
@@ -140,26 +154,24 @@ bool AttributeReader::readValues(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OB
     std::vector<CK_ATTRIBUTE> tmpl;
     for (std::size_t i : slots) {
         AttributeValue& v = m_values[i];
-        tmpl.push_back(CK_ATTRIBUTE{v.type, v.value.isEmpty() ? nullptr : v.value.getData(), v.value.getSize()});
+        tmpl.push_back(CK_ATTRIBUTE{v.type, v.value.getData(), v.value.getSize()});
     }
     m_lastRv = f->C_GetAttributeValue(s, o, tmpl.data(), tmpl.size());
-    if (!perAttributeAnswer(m_lastRv)) {
-        for (std::size_t i : slots)
-            m_values[i].value.clear();
+    if (!perAttributeAnswer(m_lastRv))
         return false;
-    }
     takeValues(tmpl, slots, log);
     return true;
 }
 
 // Asks the lengths of the attributes at the slots; the ones the object has,
-// within the bound, get a buffer of that size and go into sized.
+// within the bound, get a buffer of that size (and the margin) and go into
+// sized. A length the module leaves as it was, unavailable, counts as absent.
 bool AttributeReader::readLengths(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o,
                                   const std::vector<std::size_t>& slots, std::vector<std::size_t>& sized, LogBase& log)
 {
     std::vector<CK_ATTRIBUTE> lengths;
     for (std::size_t i : slots)
-        lengths.push_back(CK_ATTRIBUTE{m_values[i].type, nullptr, 0});
+        lengths.push_back(CK_ATTRIBUTE{m_values[i].type, nullptr, CK_UNAVAILABLE_INFORMATION});
     m_lastRv = f->C_GetAttributeValue(s, o, lengths.data(), lengths.size());
     if (!perAttributeAnswer(m_lastRv))
         return false;
@@ -173,7 +185,7 @@ bool AttributeReader::readLengths(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_O
             log.LogInfo(("Ignoring " + ckaName(v.type) + ": the module reports an impossible length.").c_str());
             continue;
         }
-        v.value.resize(len);
+        v.value.resize(len + kUnwrittenMargin);
         if (len == 0)
             v.present = true;
         else
@@ -182,15 +194,17 @@ bool AttributeReader::readLengths(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_O
     return true;
 }
 
-// Keeps each value the module filled within its buffer; anything else stays absent.
+// Keeps each value the module filled within its buffer; anything else stays
+// absent. Every buffer holds kUnwrittenMargin more than the value can need,
+// so a length left at the buffer's size is one the module did not write.
 void AttributeReader::takeValues(const std::vector<CK_ATTRIBUTE>& tmpl, const std::vector<std::size_t>& slots,
                                  LogBase& log)
 {
     for (std::size_t k = 0; k < tmpl.size(); ++k) {
         AttributeValue& v = m_values[slots[k]];
         const CK_ULONG len = tmpl[k].ulValueLen;
-        if (len == CK_UNAVAILABLE_INFORMATION || len > v.value.getSize()) {
-            if (len != CK_UNAVAILABLE_INFORMATION)
+        if (len == CK_UNAVAILABLE_INFORMATION || len >= v.value.getSize()) {
+            if (len != CK_UNAVAILABLE_INFORMATION && len > v.value.getSize())
                 log.LogInfo(("Ignoring " + ckaName(v.type) + ": the module reports more bytes than its buffer holds.").c_str());
             v.value.clear();
             continue;

@@ -29,7 +29,10 @@ struct AttributeValue {
 // second call and, where they exist, their values read in a third (except
 // where the first read already settles it, see worthALengthPass). A length
 // of CK_UNAVAILABLE_INFORMATION means absent, and every length is checked
-// against a bound before anything is allocated for it.
+// against a bound before anything is allocated for it. Only what the module
+// wrote for this object counts: a length it left as it was asked means
+// absent, each object starts from zeroed buffers, and a call that fails
+// discards the whole object.
 class AttributeReader {
 public:
     // No attribute this library reads needs more; a certificate is a few KiB.
@@ -55,7 +58,13 @@ public:
     std::span<const AttributeValue> values() const { return m_values; }
 
 private:
+    // Room left past the longest value expected: a length the module leaves
+    // at the buffer's size was not written.
+    static constexpr CK_ULONG kUnwrittenMargin = 1;
+
     bool worthALengthPass(const AttributeValue& v) const;
+    bool readPasses(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, const std::vector<std::size_t>& all,
+                    LogBase& log);
     bool readValues(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, const std::vector<std::size_t>& slots,
                     LogBase& log);
     bool readLengths(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, const std::vector<std::size_t>& slots,

@@ -37,7 +37,7 @@ bool ClsPkcs11::C_InitPIN(const char* pin, LogBase& log)
     return checkRv("C_InitPIN", f->C_InitPIN(m_hSession, arg.bytes, arg.size), log);
 }
 
-bool ClsPkcs11::C_InitToken(unsigned long slotId, const char* soPin, const char* label, LogBase& log)
+bool ClsPkcs11::C_InitToken(CK_SLOT_ID slotId, const char* soPin, const char* label, LogBase& log)
 {
     CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_InitToken, "C_InitToken", false, log);
     if (f == nullptr)

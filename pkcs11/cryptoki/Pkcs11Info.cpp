@@ -64,7 +64,7 @@ bool ClsPkcs11::getCryptokiInfo(ClsJsonObject& json, LogBase& log)
 bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, bool includeRawFlags, bool stopAtSlotError,
                              ClsJsonObject& json, LogBase& log)
 {
-    std::vector<unsigned long> slotIds;
+    std::vector<CK_SLOT_ID> slotIds;
     if (!getSlotList(onlyTokensPresent, slotIds, log))
         return false;
     json.updateNewArray("slots");
@@ -77,7 +77,7 @@ bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, bool includeRawFlags, bool 
     return true;
 }
 
-bool ClsPkcs11::addSlotInfo(unsigned long slotId, int index, bool includeRawFlags, ClsJsonObject& json,
+bool ClsPkcs11::addSlotInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, ClsJsonObject& json,
                             LogBase& log)
 {
     CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetSlotInfo, "C_GetSlotInfo", false, log);
@@ -100,7 +100,7 @@ bool ClsPkcs11::addSlotInfo(unsigned long slotId, int index, bool includeRawFlag
     return !tokenPresent || addTokenInfo(slotId, index, includeRawFlags, json, log);
 }
 
-bool ClsPkcs11::addTokenInfo(unsigned long slotId, int index, bool includeRawFlags, ClsJsonObject& json,
+bool ClsPkcs11::addTokenInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, ClsJsonObject& json,
                              LogBase& log)
 {
     CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetTokenInfo, "C_GetTokenInfo", false, log);

@@ -6,6 +6,7 @@
 #include "PinArg.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <optional>
 
 namespace p11client {
@@ -55,7 +56,7 @@ void warnAboutPinState(CK_FLAGS flags, CK_USER_TYPE userType, LogBase& log)
 
 } // namespace
 
-bool ClsPkcs11::getSlotList(bool tokenPresent, std::vector<unsigned long>& slotIds, LogBase& log)
+bool ClsPkcs11::getSlotList(bool tokenPresent, std::vector<CK_SLOT_ID>& slotIds, LogBase& log)
 {
     CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetSlotList, "C_GetSlotList", false, log);
     if (f == nullptr)
@@ -86,23 +87,41 @@ bool ClsPkcs11::getSlotList(bool tokenPresent, std::vector<unsigned long>& slotI
     return false;
 }
 
-bool ClsPkcs11::getSlotIdsWithTokenPresent(unsigned long* ids, unsigned int& count, LogBase& log)
+bool ClsPkcs11::getSlotIdsWithTokenPresent(std::vector<CK_SLOT_ID>& slotIds, LogBase& log)
 {
-    std::vector<unsigned long> slotIds;
     if (!getSlotList(true, slotIds, log))
         return false;
     // Only session opening asks, and without a token there is none to open.
     if (slotIds.empty())
         log.LogError("No slot has a token.");
-    if (slotIds.size() > count)
-        log.LogInfo("Only the first slots of the list are considered.");
-    const std::size_t n = std::min<std::size_t>(slotIds.size(), count);
-    std::copy_n(slotIds.begin(), n, ids);
-    count = static_cast<unsigned int>(n);
     return true;
 }
 
-bool ClsPkcs11::C_OpenSession(unsigned long slotId, bool quiet, bool readWrite, LogBase& log)
+// The caller's int carries 32 bits of a 64-bit slot ID. It names a slot only
+// when no other slot of the module has the same low bits; then the whole ID
+// goes to every call.
+bool ClsPkcs11::slotOfNumber(int slotNumber, CK_SLOT_ID& slotId, LogBase& log)
+{
+    std::vector<CK_SLOT_ID> all;
+    if (!getSlotList(false, all, log))
+        return false;
+    const auto low = static_cast<std::uint32_t>(slotNumber);
+    const auto named = [low](CK_SLOT_ID id) { return static_cast<std::uint32_t>(id) == low; };
+    const auto count = std::ranges::count_if(all, named);
+    if (count == 0) {
+        log.LogError("Did not find desired slot ID.");
+        return false;
+    }
+    if (count > 1) {
+        log.LogError("The slot number names more than one slot of the module; "
+                     "the module's slot IDs do not fit in an int.");
+        return false;
+    }
+    slotId = *std::ranges::find_if(all, named);
+    return true;
+}
+
+bool ClsPkcs11::C_OpenSession(CK_SLOT_ID slotId, bool quiet, bool readWrite, LogBase& log)
 {
     CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_OpenSession, "C_OpenSession", false, log);
     if (f == nullptr)
@@ -183,7 +202,7 @@ void ClsPkcs11::endSessionQuietly(LogBase& log)
 
 // An empty PIN is only usable on a token with a PIN pad, where the user
 // types it on the reader.
-bool ClsPkcs11::pinUsable(const PinArg& pin, unsigned long slotId, LogBase& log)
+bool ClsPkcs11::pinUsable(const PinArg& pin, CK_SLOT_ID slotId, LogBase& log)
 {
     if (pin.size != 0)
         return true;

@@ -165,6 +165,25 @@ std::vector<Scenario> matrix() {
             if (lie != L::lengthZero && lie != L::lengthOne && lie != L::lengthJustUnder)
                 cases.push_back(lieAt(call, "C_GetAttributeValue", lie, -1, attributeLieOutcome(call, lie, true)));
         }
+    // The second object's values left unwritten though the module says CKR_OK (once: read again; at every
+    // read after the first: absent), or its read failed after garbage was written: never the first one's bytes.
+    const auto ownIds = [](std::string list, std::string member, bool secondAbsent) -> Check {
+        return [=](ClsPkcs11&, ClsJsonObject& json) {
+            Lines read;
+            LogNull log;
+            for (StringBuffer sb; const char* at : {"[0]", "[1]"})
+                read.push_back(json.sbOfPathUtf8((list + at + member).c_str(), sb, log) ? sb.toStdString() : "<none>"), sb.clear();
+            std::ranges::sort(read);
+            EXPECT_TRUE(secondAbsent ? (read[0] == "01" || read[0] == "02") && read[1] == "<none>" : (read == Lines{"01", "02"})) << read[0] << " " << read[1];
+        };
+    };
+    for (const auto& [call, list, member] : {std::tuple{FindAllCerts, "", ""}, {FindAllKeys, "keys", ".id"}, {FindObject, "objects", ".attributes.CKA_ID"}}) {
+        for (int times : {1, -1})
+            cases.push_back(at(call, "C_GetAttributeValue_okWithoutDoing_second" + std::string(times < 0 ? "_always" : ""), [times] { shim::lie("C_GetAttributeValue", L::okWithoutDoing, ~CK_ULONG{0}, times, 1); },
+                               {true, {}, {}, call == FindAllCerts ? (times == 1 ? 2 : 1) : -1, true, false, *list ? ownIds(list, member, times < 0) : Check{}}));
+        cases.push_back(at(call, "C_GetAttributeValue_GeneralErrorGarbage_second", [] { shim::failWithGarbage("C_GetAttributeValue", CKR_GENERAL_ERROR, 1, 1); },
+                           failedAt(call, "C_GetAttributeValue", "CKR_GENERAL_ERROR")));
+    }
     // A slot list of an impossible size, one that keeps changing (told once, it
     // is read again honestly), slots that do not exist, no slot with a token.
     for (PublicCall call : {Discover, OpenSessionAny, OpenSessionSlot, QuickSession}) {

@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include <unistd.h>
+
 using namespace p11test;
 namespace fs = std::filesystem;
 
@@ -60,18 +62,42 @@ TEST_F(LoadingTest, TheModuleIsLoadedAndInitializedOnceForEveryObjectAndUnloaded
     EXPECT_TRUE(shim::initialized());
 }
 
-// A bare file name is retried in the working directory; the special driver is
-// recognised case-sensitively anywhere in the path.
-TEST_F(LoadingTest, PathsAreRetriedAndRecognisedAndThoseThatHoldNoModuleFailWithTheirReason)
+// A bare file name is retried in the working directory, from a file and a
+// directory that no other user (root aside) owns or can write, never through
+// a link.
+TEST_F(LoadingTest, TheWorkingDirectoryRetryRefusesAFileAnotherUserCouldHavePlanted)
 {
-    linkAt("libshimcopy.so");
-    setPath("/no/such/dir/libshimcopy.so");
-    const fs::path previous = fs::current_path();
-    fs::current_path(dir);
-    EXPECT_TRUE(p11->Initialize());
-    fs::current_path(previous);
-    EXPECT_EQ(dataValues(*p11, "filename"), Lines{"libshimcopy.so"});
-    EXPECT_EQ(dataValues(*p11, "sharedLib").size(), 2u) << "both attempts log the property";
+    using P = fs::perms;
+    constexpr uid_t kUs = 0, kNobody = 65534; // the suite runs as root
+    const P mode = P(0755);
+    const std::string others = " is writable by others.", owner = " is owned by another user.";
+    const struct { P file, dir; uid_t fileOwner, dirOwner; bool link; bool blameDir; std::string why; } rows[] = {
+        {mode, mode, kUs, kUs, false, false, ""}, {P(0666), mode, kUs, kUs, false, false, others},
+        {P(0775), mode, kUs, kUs, false, false, others}, {mode, P(0777), kUs, kUs, false, true, others},
+        {mode, mode, kNobody, kUs, false, false, owner}, {mode, mode, kUs, kNobody, false, true, owner},
+        {mode, mode, kUs, kUs, true, false, " is a symbolic link."}};
+    const fs::path previous = fs::current_path(), work = dir / "work";
+    for (const auto& row : rows) {
+        fs::remove_all(work);
+        fs::create_directories(work);
+        row.link ? fs::create_symlink(shim::modulePath(), work / "libshimcopy.so") : (void)fs::copy_file(shim::modulePath(), work / "libshimcopy.so");
+        if (!row.link) fs::permissions(work / "libshimcopy.so", row.file);
+        fs::permissions(work, row.dir);
+        ASSERT_TRUE(lchown((work / "libshimcopy.so").c_str(), row.fileOwner, 0) == 0 && chown(work.c_str(), row.dirOwner, 0) == 0);
+        p11 = newObject("/no/such/dir/libshimcopy.so");
+        fs::current_path(work);
+        const fs::path blamed = row.blameDir ? fs::current_path() : fs::current_path() / "libshimcopy.so";
+        EXPECT_EQ(p11->Initialize(), row.why.empty()) << blamed << row.why;
+        fs::current_path(previous);
+        EXPECT_EQ(dataValues(*p11, "filename"), Lines{"libshimcopy.so"});
+        EXPECT_EQ(dataValues(*p11, "sharedLib").size(), 2u) << "both attempts log the property";
+        EXPECT_TRUE(row.why.empty() || hasError(*p11, "Refusing to load the PKCS11 library from the working directory: " + blamed.string() + row.why)) << logText();
+    }
+}
+
+// The special driver is recognised case-sensitively anywhere in the path.
+TEST_F(LoadingTest, PathsAreRecognisedAndThoseThatHoldNoModuleFailWithTheirReason)
+{
     for (const auto& [path, special] : {std::pair{shim::modulePath(shim::Image::specialDriver), true},
                                         {linkAt("libkeyfactorpkcs11/module.so"), true}, {linkAt("libKeyfactorpkcs11/module.so"), false}}) {
         p11 = newObject(path);

@@ -151,3 +151,20 @@ TEST_F(SessionTest, TokenAndPinAdministration)
     ASSERT_TRUE(p11->Login(1, XString("5555")) && p11->SetPin(XString("5555"), XString("4321")) && p11->Logout());
     EXPECT_TRUE(p11->Login(1, XString("4321")));
 }
+
+// A slot number names the module's one slot with those low 32 bits, whose
+// whole ID every call then carries, among more slots than a reader has.
+TEST_F(SessionTest, ASlotNumberNamesTheWholeSlotIdAmongManySlots)
+{
+    const CK_SLOT_ID wide = CK_SLOT_ID{1} << 32 | 0x6A5A7000, last = 0x6A5A6000 + 150;
+    for (CK_SLOT_ID alias = 0x6A5A6000; alias <= last; ++alias)
+        shim::aliasSlot(alias, tokens.main.slot);
+    shim::aliasSlot(wide, tokens.main.slot);
+    shim::failCall("C_InitToken", CKR_DEVICE_ERROR); // the token stays as it is
+    ASSERT_TRUE(p11->Initialize() && p11->OpenSession(static_cast<int>(last), false)) << logText();
+    ASSERT_TRUE(p11->OpenSession(0x6A5A7000, false) && p11->Login(1, kUserPin) && p11->CloseSession()) << logText();
+    EXPECT_FALSE(p11->InitToken(0x6A5A7000, kSoPin, XString("x")));
+    EXPECT_EQ(recorded(&shim::Call::slot, "C_OpenSession"), (std::vector<CK_SLOT_ID>{last, wide}));
+    EXPECT_EQ(recorded(&shim::Call::slot, "C_GetTokenInfo"), std::vector<CK_SLOT_ID>{wide});
+    EXPECT_EQ(recorded(&shim::Call::slot, "C_InitToken"), std::vector<CK_SLOT_ID>{wide});
+}

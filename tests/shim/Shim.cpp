@@ -63,6 +63,7 @@ struct State {
     std::set<CK_SLOT_ID> removed;
     std::map<CK_SLOT_ID, CK_RV> refused;
     std::map<CK_SLOT_ID, bool> emptySlots;  // ours, in the order made: whether listed in front
+    std::map<CK_SLOT_ID, CK_SLOT_ID> aliases;  // ours -> SoftHSM2's
     std::map<std::pair<CK_OBJECT_HANDLE, CK_ATTRIBUTE_TYPE>, std::optional<std::vector<uint8_t>>> overrides;
     std::vector<uint8_t> stream;
     size_t streamPos = 0;
@@ -429,6 +430,8 @@ CK_RV C_GetSlotList(Call& c, CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULON
         ids.resize(n);
         locked([&](State& s) {
             std::erase_if(ids, [&](CK_SLOT_ID id) { return tokenPresent && s.removed.count(id) > 0; });
+            for (const auto& [alias, slot] : s.aliases)
+                if (std::ranges::count(ids, slot) > 0) ids.push_back(alias);
             std::ptrdiff_t front = 0;
             for (const auto& [id, inFront] : s.emptySlots)  // they hold no token
                 if (!tokenPresent) ids.insert(inFront ? ids.begin() + front++ : ids.end(), id);
@@ -568,12 +571,14 @@ template <int I, size_t N, auto M, class Fn = std::remove_reference_t<decltype(s
 struct Entry;
 template <int I, size_t N, auto M, class... A>
 struct Entry<I, N, M, CK_RV (*)(A...)> {
+    static constexpr bool kUlongFirst =  // the int: a first element for every entry
+        std::is_same_v<std::tuple_element_t<0, std::tuple<A..., int>>, CK_ULONG> && N + 1 < kFunctions;
+    static constexpr bool kSlotFirst =
+        kUlongFirst && (N < at("C_InitPIN") || N == at("C_OpenSession") || N == at("C_CloseAllSessions"));
     static Call record(A... a) {
         Call c{.function = std::string(kNames[N]), .image = static_cast<Image>(I)};
-        const std::tuple<A..., int> t(a..., 0);  // the int: a first element for every entry
-        constexpr bool slotFirst = N < at("C_InitPIN") || N == at("C_OpenSession") || N == at("C_CloseAllSessions");
-        if constexpr (std::is_same_v<std::tuple_element_t<0, std::tuple<A..., int>>, CK_ULONG> && N + 1 < kFunctions)
-            (slotFirst ? c.slot : c.session) = std::get<0>(t);
+        const std::tuple<A..., int> t(a..., 0);
+        if constexpr (kUlongFirst) (kSlotFirst ? c.slot : c.session) = std::get<0>(t);
         if constexpr (N == at("C_Login")) c.userType = std::get<1>(t);
         if constexpr (N == at("C_SignInit") || N == at("C_GetAttributeValue"))
             c.object = std::get<N == at("C_SignInit") ? 2 : 1>(t);
@@ -585,10 +590,15 @@ struct Entry<I, N, M, CK_RV (*)(A...)> {
     template <auto Own = nullptr>
     static CK_RV answer(A... a) {
         Call c = record(a...);
-        if constexpr (!std::is_null_pointer_v<decltype(Own)>)
-            return Own(c, a...);
-        else
-            return run(c, {}, [&] { const CK_RV rv = (target().*M)(a...); return rv == CKR_OK ? (track(c), rv) : rv; });
+        std::tuple<A...> args(a...);  // an alias slot goes on as SoftHSM2's
+        if constexpr (kSlotFirst)
+            std::get<0>(args) = locked([&](State& s) { return s.aliases.contains(c.slot) ? s.aliases[c.slot] : c.slot; });
+        return std::apply([&](A... b) {
+            if constexpr (!std::is_null_pointer_v<decltype(Own)>)
+                return Own(c, b...);
+            else
+                return run(c, {}, [&] { const CK_RV rv = (target().*M)(b...); return rv == CKR_OK ? (track(c), rv) : rv; });
+        }, args);
     }
 };
 
@@ -675,6 +685,7 @@ std::vector<CK_SLOT_ID> addEmptySlots(int count, bool front) {
         return ids;
     });
 }
+void aliasSlot(CK_SLOT_ID alias, CK_SLOT_ID slot) { locked([&](State& s) { s.aliases[alias] = slot; }); }
 void overrideAttribute(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, std::optional<std::vector<uint8_t>> value) {
     locked([&](State& s) { s.overrides[{object, type}] = std::move(value); });
 }
@@ -702,7 +713,7 @@ void reset() {
     locked([](State& s) {
         s.rules.clear(), s.actions.clear(), s.forks.clear(), s.calls.clear();
         s.tokenSet = s.tokenClear = s.slotSet = s.slotClear = 0;
-        s.removed.clear(), s.refused.clear(), s.emptySlots.clear(), s.overrides.clear();
+        s.removed.clear(), s.refused.clear(), s.emptySlots.clear(), s.aliases.clear(), s.overrides.clear();
         s.stream.clear(), s.streamPos = 0;
         for (ImageState& img : s.images) img.initializeCount = img.finalizeCount = 0, img.overlaps = 0;
     });

@@ -118,6 +118,10 @@ SHIM_API void refuseOpenSession(CK_SLOT_ID slot, CK_RV rv);
 // C_GetSlotInfo describes them ("Shim Slot"), C_GetTokenInfo and
 // C_OpenSession answer CKR_TOKEN_NOT_PRESENT.
 SHIM_API std::vector<CK_SLOT_ID> addEmptySlots(int count, bool front = false);
+// A second ID for a slot of SoftHSM2, as a module whose slot IDs use all 64
+// bits has: listed after SoftHSM2's own slots (among those with a token while
+// `slot` has one), every call naming it goes to `slot` (recorded as `alias`).
+SHIM_API void aliasSlot(CK_SLOT_ID alias, CK_SLOT_ID slot);
 // C_GetAttributeValue of this object reports the attribute with this value,
 // whatever SoftHSM2 keeps (e.g. CKA_EC_POINT on an EC private key), or as
 // unavailable (CK_UNAVAILABLE_INFORMATION, CKR_ATTRIBUTE_TYPE_INVALID) when
