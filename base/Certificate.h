@@ -19,6 +19,20 @@ class StringBuffer;
 class XString;
 class _qxPublicKey;
 
+// A certificate's link to a PKCS#11 session, through which it signs with a
+// private key that stays on the token. The module pointer is the link
+// marker; a certificate counts as linked when marker and key handle are both
+// non-zero. keyVerified tells whether the key was proven to be the
+// certificate's (by CKA_ID, subject, modulus or public point, or by a
+// signature the certificate verified) rather than taken for want of another.
+struct Pkcs11Link {
+    ClsPkcs11* module = nullptr;
+    unsigned long keyHandle = 0;
+    int keyType = 0;
+    int expectedSignatureSize = 0;
+    bool keyVerified = false;
+};
+
 // An X.509 certificate.
 //
 // A Certificate is always owned through std::shared_ptr: the module's
@@ -125,18 +139,25 @@ public:
     bool sameDer(const Certificate& other) const { return m_der.equals(other.m_der); }
     bool getPem(StringBuffer& out, LogBase& log) const;
 
-    // The link to a PKCS#11 session, through which the certificate signs with
-    // a private key that stays on the token. The module pointer is the link
-    // marker; a certificate counts as linked when marker and key handle are
-    // both non-zero.
+    // The link to a PKCS#11 session (see Pkcs11Link).
     bool linkToPkcs11Session(ClsPkcs11* module, int certKeyType, int expectedSignatureSize,
-                             unsigned long hPrivateKey, LogBase& log);
+                             unsigned long hPrivateKey, LogBase& log, bool keyVerified);
     void unlinkFromPkcs11Session();
+    // The whole link in one read, so that no relink on another thread can
+    // mix the fields of two links.
+    Pkcs11Link getPkcs11Link() const;
+    // Unlinks, or marks the key verified, only while the link is still the
+    // one given (same module and key handle).
+    void unlinkFromPkcs11Session(const Pkcs11Link& seen);
+    void markLinkedKeyVerified(const Pkcs11Link& seen);
     ClsPkcs11* getLinkedPkcs11() const;
     unsigned long getLinkedKeyHandle() const;
     int getLinkedKeyType() const;
     int getExpectedSignatureSize() const;
     bool isLinkedToPkcs11() const;
+    // Whether the linked key was proven to be the certificate's; false when
+    // not linked.
+    bool isLinkedKeyVerified() const;
     // Whether a private key is available to sign with: this library keeps
     // private keys only on tokens, so this is isLinkedToPkcs11(); the flag,
     // for callers that would accept a wider search, changes nothing.
@@ -189,10 +210,7 @@ private:
     DataBuffer m_der;
 
     mutable std::mutex m_mutex; // guards the members below
-    ClsPkcs11* m_linkedPkcs11 = nullptr;
-    unsigned long m_linkedKeyHandle = 0;
-    int m_linkedKeyType = 0;
-    int m_expectedSignatureSize = 0;
+    Pkcs11Link m_link;
     unsigned long m_pkcs11ObjectHandle = 0;
     DataBuffer m_ckaId;
 };

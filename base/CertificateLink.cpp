@@ -5,57 +5,61 @@
 namespace p11client {
 
 bool Certificate::linkToPkcs11Session(ClsPkcs11* module, int certKeyType, int expectedSignatureSize,
-                                      unsigned long hPrivateKey, LogBase& log)
+                                      unsigned long hPrivateKey, LogBase& log, bool keyVerified)
 {
     if (module == nullptr || hPrivateKey == 0) {
         log.LogError("Cannot link the certificate without a module and a private key handle.");
         return false;
     }
     std::lock_guard lock(m_mutex);
-    m_linkedPkcs11 = module;
-    m_linkedKeyHandle = hPrivateKey;
-    m_linkedKeyType = certKeyType;
-    m_expectedSignatureSize = expectedSignatureSize;
+    m_link = Pkcs11Link{module, hPrivateKey, certKeyType, expectedSignatureSize, keyVerified};
     return true;
 }
 
 void Certificate::unlinkFromPkcs11Session()
 {
     std::lock_guard lock(m_mutex);
-    m_linkedPkcs11 = nullptr;
-    m_linkedKeyHandle = 0;
-    m_linkedKeyType = 0;
-    m_expectedSignatureSize = 0;
+    m_link = Pkcs11Link{};
 }
 
-ClsPkcs11* Certificate::getLinkedPkcs11() const
+Pkcs11Link Certificate::getPkcs11Link() const
 {
     std::lock_guard lock(m_mutex);
-    return m_linkedPkcs11;
+    return m_link;
 }
 
-unsigned long Certificate::getLinkedKeyHandle() const
+void Certificate::unlinkFromPkcs11Session(const Pkcs11Link& seen)
 {
     std::lock_guard lock(m_mutex);
-    return m_linkedKeyHandle;
+    if (m_link.module == seen.module && m_link.keyHandle == seen.keyHandle)
+        m_link = Pkcs11Link{};
 }
 
-int Certificate::getLinkedKeyType() const
+void Certificate::markLinkedKeyVerified(const Pkcs11Link& seen)
 {
     std::lock_guard lock(m_mutex);
-    return m_linkedKeyType;
+    if (m_link.module == seen.module && m_link.keyHandle == seen.keyHandle)
+        m_link.keyVerified = true;
 }
 
-int Certificate::getExpectedSignatureSize() const
-{
-    std::lock_guard lock(m_mutex);
-    return m_expectedSignatureSize;
-}
+ClsPkcs11* Certificate::getLinkedPkcs11() const { return getPkcs11Link().module; }
+
+unsigned long Certificate::getLinkedKeyHandle() const { return getPkcs11Link().keyHandle; }
+
+int Certificate::getLinkedKeyType() const { return getPkcs11Link().keyType; }
+
+int Certificate::getExpectedSignatureSize() const { return getPkcs11Link().expectedSignatureSize; }
 
 bool Certificate::isLinkedToPkcs11() const
 {
-    std::lock_guard lock(m_mutex);
-    return m_linkedPkcs11 != nullptr && m_linkedKeyHandle != 0;
+    const Pkcs11Link link = getPkcs11Link();
+    return link.module != nullptr && link.keyHandle != 0;
+}
+
+bool Certificate::isLinkedKeyVerified() const
+{
+    const Pkcs11Link link = getPkcs11Link();
+    return link.module != nullptr && link.keyHandle != 0 && link.keyVerified;
 }
 
 bool Certificate::hasPrivateKey(bool, LogBase&) const { return isLinkedToPkcs11(); }

@@ -44,7 +44,9 @@ CertificateView CertificateView::of(ClsCert& cert)
         certificate->getCkaId(id);
         v.id = lowerHex(id.bytes());
         v.objectHandle = certificate->getPkcs11ObjectHandle();
-        v.keyHandle = v.hasPrivateKey ? certificate->getLinkedKeyHandle() : 0;
+        const p11client::Pkcs11Link link = certificate->getPkcs11Link();
+        v.keyHandle = v.hasPrivateKey ? link.keyHandle : 0;
+        v.keyVerified = v.hasPrivateKey && link.keyVerified;
     }
     return v;
 }
@@ -58,7 +60,8 @@ void CertificateView::addTo(FieldList& fields, bool loggedIn) const
     fields.add("key", keyType + " " + std::to_string(keyBits) + " bits");
     fields.add("valid", validFrom + " to " + validTo);
     fields.add("id", id.empty() ? "(none)" : id);
-    std::string key = "found on the token (handle " + std::to_string(keyHandle) + ")";
+    std::string key = "found on the token (handle " + std::to_string(keyHandle) + ")"
+        + (keyVerified ? "" : " (key not verified)");
     if (!hasPrivateKey)
         key = loggedIn ? "not found on the token" : "not found (not logged in: the token may hide it)";
     fields.add("private key", key);
@@ -77,8 +80,10 @@ void CertificateView::addTo(p11client::ClsJsonObject& json, const std::string& p
     json.updateString(member(path, "id").c_str(), id.c_str());
     json.updateUInt(member(path, "handle").c_str(), objectHandle);
     json.updateBool(member(path, "hasPrivateKey").c_str(), hasPrivateKey);
-    if (hasPrivateKey)
-        json.updateUInt(member(path, "keyHandle").c_str(), keyHandle);
+    if (!hasPrivateKey)
+        return;
+    json.updateUInt(member(path, "keyHandle").c_str(), keyHandle);
+    json.updateBool(member(path, "keyVerified").c_str(), keyVerified);
 }
 
 } // namespace p11cli

@@ -25,6 +25,7 @@ struct CertificateView {
     unsigned long objectHandle = 0;
     bool hasPrivateKey = false;
     unsigned long keyHandle = 0;
+    bool keyVerified = false; // the key was proven to be the certificate's
 
     static CertificateView of(p11client::ClsCert& cert);
     // The fields as lines; loggedIn tells how to read a key not found.

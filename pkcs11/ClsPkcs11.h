@@ -136,9 +136,11 @@ public:
     void clearCertCache(LogBase& log);
     bool findPkcs11Cert(_smartcardCertSpec& spec, ClsCert& cert, LogBase& log);
     // The handle of the certificate's private key on the token (0 if none),
-    // with the certificate's key type and the signature size in bytes.
+    // with the certificate's key type and the signature size in bytes;
+    // keyVerified is false when a fallback took the key with nothing to
+    // prove it is the certificate's.
     unsigned long findPrivKeyHandle(Certificate& cert, bool minimalFirstPass, int& certKeyType,
-                                    int& expectedSignatureSize, LogBase& log);
+                                    int& expectedSignatureSize, bool& keyVerified, LogBase& log);
     unsigned long findRsaKeyById(Certificate& cert, bool requireSign, LogBase& log);
     unsigned long findRsaKeyBySubjectDER(Certificate& cert, bool requireSign, LogBase& log);
     unsigned long findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log);
@@ -209,7 +211,8 @@ private:
     bool fillKeyCache(unsigned long keyType, const std::vector<CK_ATTRIBUTE_TYPE>& types, ExtPtrArray& cache,
                       LogBase& log);
     bool cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, LogBase& log);
-    bool cacheEcdsaPrivateKeys(bool withPoint, LogBase& log);
+    bool cacheEcdsaPrivateKeys(LogBase& log);
+    void readPublicKeyMaterial(Pkcs11_PrivateKey& key, unsigned long keyType);
     bool findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBase& log);
     bool findAllCerts(LogBase& log);
     int findObject(ClsJsonObject& json, LogBase& log);
@@ -223,8 +226,9 @@ private:
     enum class KeyRuleOutcome { Choose, Defer, Skip };
     unsigned long scanRsaKeys(DataBuffer Pkcs11_PrivateKey::*field, const DataBuffer& wanted,
                               const DataBuffer* alsoWanted, bool requireSign, const ScanTexts& texts, LogBase& log);
-    unsigned long findRsaKeyHandle(Certificate& cert, bool minimalFirstPass, LogBase& log);
-    unsigned long findEcKeyHandle(Certificate& cert, bool minimalFirstPass, LogBase& log);
+    unsigned long findRsaKeyHandle(Certificate& cert, bool minimalFirstPass, bool& keyVerified, LogBase& log);
+    unsigned long findEcKeyHandle(Certificate& cert, bool& keyVerified, LogBase& log);
+    unsigned long fallbackKey(ExtPtrArray& keys, unsigned long keyType, const DataBuffer& certMaterial, bool& proven);
     KeyRuleOutcome applyPrivateKeyRule(Certificate& cert, bool haveCandidate, LogBase& log);
     bool commitCert(const std::shared_ptr<Certificate>& chosen, ClsCert& cert, LogBase& log);
     void rememberLink(Certificate& cert);
@@ -250,7 +254,6 @@ private:
     bool m_rsaKeysHaveModulus = false;
     ExtPtrArray m_rsaKeys; // of Pkcs11_PrivateKey
     bool m_ecKeysCached = false;
-    bool m_ecKeysHavePoint = false;
     ExtPtrArray m_ecKeys; // of Pkcs11_PrivateKey
     std::map<unsigned long, bool> m_alwaysAuthenticate; // key handle -> CKA_ALWAYS_AUTHENTICATE
     bool m_usePss = false;

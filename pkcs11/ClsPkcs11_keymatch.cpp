@@ -7,11 +7,22 @@
 #include "ZelvanMp.h"
 #include "_qxPublicKey.h"
 
+#include <algorithm>
+#include <span>
+
 namespace p11client {
 
 namespace {
 
 constexpr const char* kFoundEcKey = "Found matching PKCS11 ECDSA private key.";
+
+// The line of a fallback's choice, and whether anything proves the key.
+void logFallback(LogBase& log, const char* choice, bool proven)
+{
+    log.LogInfo(choice);
+    if (!proven)
+        log.LogInfo("The private key was chosen without proof that it belongs to the certificate.");
+}
 
 int signatureBytes(int certKeyType, int bits)
 {
@@ -20,6 +31,19 @@ int signatureBytes(int certKeyType, int bits)
 }
 
 Pkcs11_PrivateKey* keyAt(const ExtPtrArray& keys, int i) { return static_cast<Pkcs11_PrivateKey*>(keys.elementAt(i)); }
+
+// Whether two big-endian numbers (or EC points, which begin with 04) are
+// equal, whatever leading zero bytes either carries.
+bool sameMagnitude(const DataBuffer& a, const DataBuffer& b)
+{
+    std::span<const std::uint8_t> x = a.bytes();
+    std::span<const std::uint8_t> y = b.bytes();
+    while (!x.empty() && x.front() == 0)
+        x = x.subspan(1);
+    while (!y.empty() && y.front() == 0)
+        y = y.subspan(1);
+    return std::ranges::equal(x, y);
+}
 
 } // namespace
 
@@ -99,11 +123,12 @@ unsigned long ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireSign
 }
 
 unsigned long ClsPkcs11::findPrivKeyHandle(Certificate& cert, bool minimalFirstPass, int& certKeyType,
-                                           int& expectedSignatureSize, LogBase& log)
+                                           int& expectedSignatureSize, bool& keyVerified, LogBase& log)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(log, "findPrivKeyHandle");
     int bits = 0;
+    keyVerified = true;
     if (m_certHandleIsKeyHandle) {
         log.LogInfo("Using certificate's PKCS11 handle as the private key handle...");
         certKeyType = cert.getCertKeyType(bits, log);
@@ -117,7 +142,7 @@ unsigned long ClsPkcs11::findPrivKeyHandle(Certificate& cert, bool minimalFirstP
     certKeyType = cert.getCertKeyType(bits, log);
     if (certKeyType == Certificate::kKeyTypeEcdsa) {
         expectedSignatureSize = signatureBytes(certKeyType, bits);
-        return findEcKeyHandle(cert, minimalFirstPass, log);
+        return findEcKeyHandle(cert, keyVerified, log);
     }
     if (certKeyType != Certificate::kKeyTypeRsa) {
         log.LogError("Only EC and RSA keys are supported on PKCS11.");
@@ -126,27 +151,21 @@ unsigned long ClsPkcs11::findPrivKeyHandle(Certificate& cert, bool minimalFirstP
     }
     log.LogInfo("Looking for a matching RSA private key...");
     expectedSignatureSize = signatureBytes(certKeyType, bits);
-    return findRsaKeyHandle(cert, minimalFirstPass, log);
+    return findRsaKeyHandle(cert, minimalFirstPass, keyVerified, log);
 }
 
-unsigned long ClsPkcs11::findRsaKeyHandle(Certificate& cert, bool minimalFirstPass, LogBase& log)
+unsigned long ClsPkcs11::findRsaKeyHandle(Certificate& cert, bool minimalFirstPass, bool& keyVerified, LogBase& log)
 {
     if (!cacheRsaPrivateKeys(false, !minimalFirstPass, log))
         return 0;
-    const int n = m_rsaKeys.getSize();
-    log.LogDataLong("numRsaKeys", n);
+    log.LogDataLong("numRsaKeys", m_rsaKeys.getSize());
     if (unsigned long h = findRsaKeyById(cert, true, log))
         return h;
     if (unsigned long h = m_rsaKeysHaveSubjectDer ? findRsaKeyBySubjectDER(cert, true, log) : 0)
         return h;
     if (unsigned long h = m_rsaKeysHaveModulus ? findRsaKeyByModulus(cert, true, log) : 0)
         return h;
-    // The lone key of a token with a lone certificate can only be its key.
-    if (n == 1 && m_certs.getSize() == 1 && keyAt(m_rsaKeys, 0) != nullptr) {
-        log.LogInfo("Using only possible private key");
-        return keyAt(m_rsaKeys, 0)->m_handle;
-    }
-    if (n >= 1 && !(m_rsaKeysHaveSubjectDer && m_rsaKeysHaveModulus)) {
+    if (m_rsaKeys.getSize() >= 1 && !(m_rsaKeysHaveSubjectDer && m_rsaKeysHaveModulus)) {
         LogContextExitor retry(log, "retry_subjectDer_modulus");
         if (cacheRsaPrivateKeys(true, true, log)) {
             if (unsigned long h = m_rsaKeysHaveSubjectDer ? findRsaKeyBySubjectDER(cert, true, log) : 0)
@@ -155,17 +174,29 @@ unsigned long ClsPkcs11::findRsaKeyHandle(Certificate& cert, bool minimalFirstPa
                 return h;
         }
     }
+    // The lone key of a token with a lone certificate can only be its key,
+    // unless its modulus (read by now where the token gives it) says not.
+    if (m_rsaKeys.getSize() == 1 && m_certs.getSize() == 1) {
+        _qxPublicKey publicKey;
+        DataBuffer modulus;
+        if (cert.getCertPublicKey(publicKey, log) && publicKey.getRsaKey() != nullptr)
+            ZelvanMp::unsigned_mpint_to_db(publicKey.getRsaKey()->modulus(), modulus);
+        if (unsigned long h = fallbackKey(m_rsaKeys, CKK_RSA, modulus, keyVerified)) {
+            logFallback(log, "Using only possible private key", keyVerified);
+            return h;
+        }
+    }
     log.LogInfo("No matching RSA private key found.");
     return 0;
 }
 
-unsigned long ClsPkcs11::findEcKeyHandle(Certificate& cert, bool minimalFirstPass, LogBase& log)
+unsigned long ClsPkcs11::findEcKeyHandle(Certificate& cert, bool& keyVerified, LogBase& log)
 {
     // Logged as an error on purpose: readers of this log look for it there.
     log.LogError("Certificate key type is ECDSA.");
     DataBuffer point;
     cert.getEcPublicPoint(point, log);
-    if (!cacheEcdsaPrivateKeys(!point.isEmpty() && !minimalFirstPass, log))
+    if (!cacheEcdsaPrivateKeys(log))
         return 0;
     const int n = m_ecKeys.getSize();
     log.LogDataLong("numEcdsaKeys", n);
@@ -185,11 +216,36 @@ unsigned long ClsPkcs11::findEcKeyHandle(Certificate& cert, bool minimalFirstPas
             return key->m_handle;
         }
     }
-    if (const Pkcs11_PrivateKey* first = keyAt(m_ecKeys, 0)) {
-        log.LogInfo("Using first PKCS11 ECDSA private key");
-        return first->m_handle;
+    const unsigned long h = fallbackKey(m_ecKeys, CKK_EC, point, keyVerified);
+    if (h != 0)
+        logFallback(log, keyVerified ? kFoundEcKey : "Using first PKCS11 ECDSA private key", keyVerified);
+    return h;
+}
+
+// The key a fallback takes: the first whose public material (its own, or
+// that of the public-key object with its CKA_ID) is the certificate's, which
+// proves it; else the first whose material the token does not tell, which
+// nothing proves. A key whose material is another's is never taken.
+unsigned long ClsPkcs11::fallbackKey(ExtPtrArray& keys, unsigned long keyType, const DataBuffer& certMaterial,
+                                     bool& proven)
+{
+    const Pkcs11_PrivateKey* unknown = nullptr;
+    for (int i = 0; i < keys.getSize(); ++i) {
+        Pkcs11_PrivateKey* key = keyAt(keys, i);
+        if (key == nullptr)
+            continue;
+        const DataBuffer& material = keyType == CKK_EC ? key->m_ecPoint : key->m_modulus;
+        if (material.isEmpty() && !certMaterial.isEmpty())
+            readPublicKeyMaterial(*key, keyType);
+        if (material.isEmpty() || certMaterial.isEmpty()) {
+            unknown = unknown != nullptr ? unknown : key;
+        } else if (sameMagnitude(material, certMaterial)) {
+            proven = true;
+            return key->m_handle;
+        }
     }
-    return 0;
+    proven = false;
+    return unknown != nullptr ? unknown->m_handle : 0;
 }
 
 } // namespace p11client

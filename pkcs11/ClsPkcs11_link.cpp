@@ -16,14 +16,16 @@ bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool minimalFirstPass
         return false;
     int certKeyType = 0;
     int expectedSignatureSize = 0;
-    const unsigned long handle = findPrivKeyHandle(*cert, minimalFirstPass, certKeyType, expectedSignatureSize, log);
+    bool keyVerified = true;
+    const unsigned long handle =
+        findPrivKeyHandle(*cert, minimalFirstPass, certKeyType, expectedSignatureSize, keyVerified, log);
     log.LogDataBool("hasPrivateKey", handle != 0);
     log.LogDataLong("expectedSignatureSize", expectedSignatureSize);
     if (handle == 0) {
         log.LogError("No matching private key found on the HSM.");
         return false;
     }
-    cert->linkToPkcs11Session(this, certKeyType, expectedSignatureSize, handle, log);
+    cert->linkToPkcs11Session(this, certKeyType, expectedSignatureSize, handle, log, keyVerified);
     rememberLink(*cert);
     return true;
 }
@@ -42,8 +44,9 @@ void ClsPkcs11::unlinkRememberedCerts()
 {
     for (const std::weak_ptr<Certificate>& weak : m_linkedCerts) {
         const std::shared_ptr<Certificate> cert = weak.lock();
-        if (cert && cert->getLinkedPkcs11() == this)
-            cert->unlinkFromPkcs11Session();
+        const Pkcs11Link link = cert ? cert->getPkcs11Link() : Pkcs11Link{};
+        if (link.module == this) // not a link another module made since
+            cert->unlinkFromPkcs11Session(link);
     }
     m_linkedCerts.clear();
 }

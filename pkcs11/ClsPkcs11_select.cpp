@@ -126,15 +126,16 @@ bool ClsPkcs11::commitCert(const std::shared_ptr<Certificate>& chosen, ClsCert& 
 ClsPkcs11::KeyRuleOutcome ClsPkcs11::applyPrivateKeyRule(Certificate& cert, bool haveCandidate, LogBase& log)
 {
     LogContextExitor ctx(log, "mustHavePrivateKey");
-    const bool linked = cert.getLinkedPkcs11() != nullptr && cert.getLinkedKeyHandle() != 0;
-    if (!linked) {
+    if (!cert.isLinkedToPkcs11()) {
         int certKeyType = 0;
         int expectedSignatureSize = 0;
-        const unsigned long handle = findPrivKeyHandle(cert, true, certKeyType, expectedSignatureSize, log);
+        bool keyVerified = true;
+        const unsigned long handle =
+            findPrivKeyHandle(cert, true, certKeyType, expectedSignatureSize, keyVerified, log);
         log.LogDataBool("hasPrivateKey", handle != 0);
         if (handle != 0) {
             log.LogDataLong("expectedSignatureSize", expectedSignatureSize);
-            cert.linkToPkcs11Session(this, certKeyType, expectedSignatureSize, handle, log);
+            cert.linkToPkcs11Session(this, certKeyType, expectedSignatureSize, handle, log, keyVerified);
             rememberLink(cert);
             log.LogDataBool("hasPrivateKey", cert.hasPrivateKey(false, log));
         }

@@ -6,6 +6,7 @@
 #include "DataBuffer.h"
 #include "HashAlgorithm.h"
 #include "PinArg.h"
+#include "SignatureProof.h"
 
 #include <openssl/bn.h>
 #include <openssl/ec.h>
@@ -36,6 +37,24 @@ bool hashData(const HashAlgorithm& alg, const DataBuffer& data, DataBuffer& dige
         return false;
     digest.shorten(size);
     return true;
+}
+
+// A signature made with a key that a fallback took for want of another is
+// returned only when the certificate's public key verifies it, which proves
+// the key for the signatures to come. Otherwise the key is not the
+// certificate's: no signature, and the link is dropped.
+bool provenBySignature(Certificate& cert, const Pkcs11Link& link, const HashAlgorithm& alg, bool pss,
+                       const DataBuffer& digest, DataBuffer& signature, LogBase& log)
+{
+    if (certificateVerifiesSignature(cert, alg, pss, digest, signature)) {
+        cert.markLinkedKeyVerified(link);
+        return true;
+    }
+    signature.clear();
+    log.LogError("The signature made with the token's key does not verify with the certificate's public key: the key "
+                 "does not belong to this certificate.");
+    cert.unlinkFromPkcs11Session(link);
+    return false;
 }
 
 } // namespace
@@ -91,7 +110,9 @@ bool ClsPkcs11::signDigest(Certificate* cert, const HashAlgorithm& alg, const Da
                            DataBuffer& signature, LogBase& log)
 {
     LogContextExitor ctx(log, "signDigest");
-    if (cert == nullptr || cert->getLinkedPkcs11() != this || cert->getLinkedKeyHandle() == 0) {
+    // The link is read once: a relink on another thread cannot mix two.
+    const Pkcs11Link link = cert != nullptr ? cert->getPkcs11Link() : Pkcs11Link{};
+    if (link.module != this || link.keyHandle == 0) {
         log.LogError("The certificate is not linked to this PKCS11 session with a private key.");
         return false;
     }
@@ -100,7 +121,7 @@ bool ClsPkcs11::signDigest(Certificate* cert, const HashAlgorithm& alg, const Da
         log.LogDataLong("digestLength", static_cast<long>(digest.getSize()));
         return false;
     }
-    const int keyType = cert->getLinkedKeyType();
+    const int keyType = link.keyType;
     const bool pss = keyType == Certificate::kKeyTypeRsa && (m_usePss || cardRequiresPss(log));
     CK_RSA_PKCS_PSS_PARAMS pssParams{alg.pssHash, alg.mgf, alg.digestSize};
     CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};
@@ -115,8 +136,10 @@ bool ClsPkcs11::signDigest(Certificate* cert, const HashAlgorithm& alg, const Da
         return false;
     }
     input.append(digest);
-    return signOnToken(mechanism, cert->getLinkedKeyHandle(), input,
-                       static_cast<std::size_t>(cert->getExpectedSignatureSize()), signature, log);
+    if (!signOnToken(mechanism, link.keyHandle, input, static_cast<std::size_t>(link.expectedSignatureSize), signature,
+                     log))
+        return false;
+    return link.keyVerified || provenBySignature(*cert, link, alg, pss, digest, signature, log);
 }
 
 // C_SignInit, the context-specific login a key may demand right after it,

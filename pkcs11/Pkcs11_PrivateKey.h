@@ -26,6 +26,9 @@ public:
     DataBuffer m_ecPoint;    // CKA_EC_POINT, as the uncompressed point 04||X||Y
     DataBuffer m_id;         // CKA_ID
     std::int32_t m_signState = kSignUnknown; // from CKA_SIGN
+    // The public-key object with the key's CKA_ID was looked for (once per
+    // cache fill); what it gave is in m_modulus or m_ecPoint.
+    bool m_publicKeyRead = false;
 };
 
 } // namespace p11client

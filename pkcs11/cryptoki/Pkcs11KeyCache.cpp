@@ -14,8 +14,9 @@ namespace p11client {
 namespace {
 
 // Read once: a flag always fits its buffer, and no curve the library decodes
-// has a point larger than the first buffer of CKA_EC_POINT.
-constexpr CK_ATTRIBUTE_TYPE kFirstReadOnly[] = {CKA_SIGN, CKA_EC_POINT};
+// has a point or a name (CKA_EC_PARAMS) larger than its first buffer. So an
+// EC key costs one call whether or not the token keeps its point on it.
+constexpr CK_ATTRIBUTE_TYPE kFirstReadOnly[] = {CKA_SIGN, CKA_EC_POINT, CKA_EC_PARAMS};
 
 std::int32_t signStateOf(const AttributeValue* sign)
 {
@@ -116,20 +117,45 @@ bool ClsPkcs11::cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, L
     return true;
 }
 
-// withPoint also reads each key's EC point (and curve, to decode it).
-bool ClsPkcs11::cacheEcdsaPrivateKeys(bool withPoint, LogBase& log)
+// Each key's EC point (and curve, to decode it) comes in the same template
+// as its CKA_ID: one call per key either way, and a fallback must know the
+// point to pass over a key that is another certificate's.
+bool ClsPkcs11::cacheEcdsaPrivateKeys(LogBase& log)
 {
     LogContextExitor ctx(log, "cacheEcdsaPrivateKeys");
-    if (m_ecKeysCached && (!withPoint || m_ecKeysHavePoint))
+    if (m_ecKeysCached)
         return true;
-    std::vector<CK_ATTRIBUTE_TYPE> types{CKA_ID, CKA_SIGN};
-    if (withPoint)
-        types.insert(types.end(), {CKA_EC_POINT, CKA_EC_PARAMS});
-    if (!fillKeyCache(CKK_EC, types, m_ecKeys, log))
+    if (!fillKeyCache(CKK_EC, {CKA_ID, CKA_SIGN, CKA_EC_POINT, CKA_EC_PARAMS}, m_ecKeys, log))
         return false;
     m_ecKeysCached = true;
-    m_ecKeysHavePoint = withPoint;
     return true;
+}
+
+// A key that keeps no public material of its own may have a public-key
+// object with its CKA_ID that does. Asked only for a fallback's choice, once
+// per key and cache fill: one search by that ID and one read of the first
+// object found. The token need not have such objects, so a failure here is
+// not reported; the key's material just stays unknown.
+void ClsPkcs11::readPublicKeyMaterial(Pkcs11_PrivateKey& key, unsigned long keyType)
+{
+    if (key.m_publicKeyRead || key.m_id.isEmpty())
+        return;
+    key.m_publicKeyRead = true;
+    CK_OBJECT_CLASS keyClass = CKO_PUBLIC_KEY;
+    CK_KEY_TYPE type = keyType;
+    std::vector<CK_ATTRIBUTE> tmpl{{CKA_CLASS, &keyClass, sizeof keyClass},
+                                   {CKA_KEY_TYPE, &type, sizeof type},
+                                   {CKA_ID, key.m_id.getData(), key.m_id.getSize()}};
+    std::vector<unsigned long> found;
+    LogNull quiet;
+    if (!searchObjects(tmpl, found, quiet) || found.empty())
+        return;
+    const bool ec = keyType == CKK_EC;
+    AttributeReader reader(ec ? std::vector{CKA_EC_POINT, CKA_EC_PARAMS} : std::vector{CKA_MODULUS});
+    if (!reader.read(m_dlHandle.functions(), m_hSession, found.front(), quiet))
+        return;
+    const std::unique_ptr<Pkcs11_PrivateKey> publicKey = keyRecord(found.front(), reader);
+    (ec ? key.m_ecPoint : key.m_modulus).append(ec ? publicKey->m_ecPoint : publicKey->m_modulus);
 }
 
 void ClsPkcs11::clearPrivateKeyCaches()

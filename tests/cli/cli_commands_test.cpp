@@ -82,6 +82,29 @@ TEST(Cli, CertsListsEachCertificateWithThePairingResult)
     EXPECT_EQ(occurrences(cli({"certs"}, kNoPin).out, "not logged in: the token may hide it"), 4u);
 }
 
+// On a token that keeps no public material of its keys, an EC certificate
+// whose key is absent gets the first EC key for want of another: certs marks
+// it, and sign withholds the signature the certificate does not verify.
+TEST(Cli, AKeyTakenForWantOfAnotherIsMarkedAndItsSignatureWithheld)
+{
+    const SoftHsmToken store;
+    {
+        CryptokiModule module(SoftHsmToken::modulePath());
+        module.initialize();
+        const TokenSession session(module.functions(), module.slotOfToken(SoftHsmToken::kLabel), SoftHsmToken::kUserPin);
+        importCertificate(session, makeCertDer({.key = makeEcKey("P-256"), .subject = {{"CN", "CLI Guess"}}}), {"guess"});
+        importPrivateKey(session, makeEcKey("P-256").get(), {"other"});
+    }
+    const Env pin {{"P11CLIENT_PIN", SoftHsmToken::kUserPin}};
+    const Outcome table = runCli(store.directory(), {"certs"}, pin);
+    EXPECT_TRUE(contains(table.out, ") (key not verified)\n")) << table.out;
+    EXPECT_EQ(jsonOf(runCli(store.directory(), {"--json", "certs"}, pin)).at("certificates")[0].at("keyVerified"), false);
+    const Outcome s = runCli(store.directory(), {"sign", "-o", store.directory() + "/guess.sig"}, pin, "data");
+    EXPECT_EQ(s.exitCode, 1);
+    EXPECT_TRUE(contains(s.err, "error: The signature made with the token's key does not verify with the certificate's "
+                                "public key: the key does not belong to this certificate.\n")) << s.err;
+}
+
 TEST(Cli, KeysListsAndFiltersThePrivateKeys)
 {
     writeFile(storeFile("user-pin"), std::string(SoftHsmToken::kUserPin) + "\n");

@@ -53,7 +53,11 @@ using namespace p11client;
 // The lines with which the library says how it paired a certificate.
 inline constexpr const char *kRsaById = "Found matching PKCS11 RSA private key by ID.", *kEcById = "Found matching PKCS11 ECDSA private key.",
                             *kBySubject = "Found matching PKCS11 RSA private key by Subject DER.",
-                            *kByModulus = "Found matching PKCS11 RSA private key by modulus.", *kFirstEcKey = "Using first PKCS11 ECDSA private key";
+                            *kByModulus = "Found matching PKCS11 RSA private key by modulus.", *kFirstEcKey = "Using first PKCS11 ECDSA private key",
+                            *kOnlyKey = "Using only possible private key", *kNoRsaKey = "No matching RSA private key found.",
+                            *kUnproven = "The private key was chosen without proof that it belongs to the certificate.",
+                            *kNotItsKey = "The signature made with the token's key does not verify with the certificate's public key: "
+                                          "the key does not belong to this certificate.";
 
 struct TokenCert {
     std::string label;

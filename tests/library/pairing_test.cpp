@@ -8,24 +8,12 @@
 #include "TestTokens.h"
 
 #include <openssl/core_names.h>
-#include <openssl/evp.h>
 
 #include <set>
 
 using namespace p11test;
 
 using PairingTest = TokenTest;
-
-// An EC public point as a token may keep it: raw, or in a DER OCTET STRING.
-static Bytes ecPoint(const TestKey& key, bool derWrapped)
-{
-    unsigned char* p = nullptr;
-    const std::size_t n = EVP_PKEY_get1_encoded_public_key(key.get(), &p);
-    Bytes point(p, p + n);
-    OPENSSL_free(p);
-    point.insert(point.begin(), {0x04, static_cast<std::uint8_t>(n)});
-    return derWrapped ? point : Bytes(point.begin() + 2, point.end());
-}
 
 // Certificates are public; the keys show once the user is logged in. Then
 // every certificate is paired with its own key, with or without a minimal
@@ -73,6 +61,7 @@ TEST_F(PairingTest, FindAllCertsCachesEachCertificateOnceAndEveryOneIsPairedWith
                 EXPECT_EQ(std::ranges::count(linesOfKind(log.entries(), kind), said), 1) << log.renderText();
                 EXPECT_TRUE(c.keyOnToken() ? provesPairing(*cert, c) : ::testing::AssertionResult(!cert->isLinkedToPkcs11()))
                     << c.label << (minimalFirstPass ? " minimal" : "");
+                EXPECT_EQ(cert->isLinkedKeyVerified(), c.keyOnToken() && c.pairedBy != kFirstEcKey) << "only the first-key guess is unproven";
             }
         }
     }
@@ -177,8 +166,8 @@ TEST_F(PairingTest, AKeyMadeUnfitIsPassedOverForTheNextOne)
     const struct { const TokenCert& cert; Bytes id; CK_ATTRIBUTE_TYPE type; Bytes unfit, fit; Lines said; } cases[] = {
         {rsa, {0x42}, CKA_SIGN, boolValue(false), {},
          {"Found matching PKCS11 RSA private key by ID, but it does not have the CKA_SIGN attribute.", kRsaById}},
-        {ec, {}, CKA_EC_POINT, ecPoint(other.key, false), ecPoint(ec.key, false), {"Certificate key type is ECDSA.", kEcById}},
-        {ec, {}, CKA_EC_POINT, ecPoint(other.key, true), ecPoint(ec.key, true), {"Certificate key type is ECDSA.", kEcById}},
+        {ec, {}, CKA_EC_POINT, ecPointValue(other.key.get(), false), ecPointValue(ec.key.get(), false), {"Certificate key type is ECDSA.", kEcById}},
+        {ec, {}, CKA_EC_POINT, ecPointValue(other.key.get()), ecPointValue(ec.key.get()), {"Certificate key type is ECDSA.", kEcById}},
     };
     for (const auto& c : cases) {
         ASSERT_TRUE(onScratch([&](const TokenSession& s) {
@@ -221,30 +210,51 @@ TEST_F(PairingTest, CertificatesOfTheDeferredIssuerGiveWayToTheNextEligibleOne)
     }
 }
 
-// A lone certificate takes the token's lone key, even one of another key
-// pair that may not sign; the special driver's certificate handle is its key
-// handle; with neither, nothing is found.
-TEST_F(PairingTest, ALoneCertificateTakesTheLoneKeyOrWithTheSpecialDriverItsOwnHandle)
+// A certificate that no attribute pairs takes, for want of another, the
+// token's lone RSA key (even one that may not sign) or its first EC key,
+// unverified; never one whose public material (its own, or that of the
+// public-key object with its CKA_ID) is another key's, and one whose public
+// object proves it is verified. The special driver's certificate handle is
+// its key handle; with none of these, nothing is found.
+TEST_F(PairingTest, ACertificateNoAttributePairsTakesAKeyNothingShowsToBeAnothersOrWithTheSpecialDriverItsOwnHandle)
 {
-    const struct { bool key; shim::Image image; const char* said; CK_OBJECT_CLASS linked; } cases[] = {
-        {true, shim::Image::standard, "Using only possible private key", CKO_PRIVATE_KEY},
-        {false, shim::Image::specialDriver, "Using certificate's PKCS11 handle as the private key handle...", CKO_CERTIFICATE},
-        {false, shim::Image::standard, "No matching RSA private key found.", CKO_DATA}}; // CKO_DATA: nothing linked
+    const char* byHandle = "Using certificate's PKCS11 handle as the private key handle...";
+    const Lines anyPairing{kOnlyKey, kFirstEcKey, kEcById, kNoRsaKey, kUnproven, byHandle};
+    using enum shim::Image;
+    const struct { const char *cert, *key; bool publicKey, modulusShown; shim::Image image; Lines said; CK_OBJECT_CLASS linked; } cases[] = {
+        {"rsa2048-id", "rsa2048-subject", false, false, standard, {kOnlyKey, kUnproven}, CKO_PRIVATE_KEY},
+        {"rsa2048-id", "rsa2048-subject", false, true, standard, {kNoRsaKey}, CKO_DATA}, // CKO_DATA: nothing linked
+        {"rsa2048-id", "rsa2048-subject", true, false, standard, {kNoRsaKey}, CKO_DATA},
+        {"ec384-id", "ec256-id", false, false, standard, {kFirstEcKey, kUnproven}, CKO_PRIVATE_KEY},
+        {"ec384-id", "ec256-id", true, false, standard, {}, CKO_DATA},
+        {"ec384-id", "ec384-id", true, false, standard, {kEcById}, CKO_PRIVATE_KEY},
+        {"rsa2048-id", nullptr, false, false, specialDriver, {byHandle}, CKO_CERTIFICATE},
+        {"rsa2048-id", nullptr, false, false, standard, {kNoRsaKey}, CKO_DATA}};
     for (const auto& c : cases) {
+        const TokenCert& cert = tokens.main[c.cert];
+        const bool found = c.linked != CKO_DATA;
         shim::clearCalls();
         ASSERT_TRUE(onScratch([&](const TokenSession& s) {
-            importCertificate(s, tokens.main["rsa2048-id"].der, {"lone"});
+            importCertificate(s, cert.der, {"lone"});
             if (c.key)
-                importPrivateKey(s, tokens.main["rsa2048-subject"].key.get(), {"other", {}, {}, false, false});
+                importPrivateKey(s, tokens.main[c.key].key.get(), {"other", {0x0B}, {}, false, false});
+            if (c.publicKey)
+                importPublicKey(s, tokens.main[c.key].key.get(), {"other", {0x0B}});
         }, shim::modulePath(c.image)));
-        const bool found = c.linked != CKO_DATA;
-        ClsCert cert;
-        ASSERT_EQ(findCert("privateKey", "", cert), found);
-        for (const auto& other : cases)
-            EXPECT_EQ(hasInfo(*p11, other.said), other.said == c.said) << other.said;
-        EXPECT_TRUE(cert.HasPrivateKey() == found
-                    && (!found || cert.getCertificate()->getLinkedKeyHandle() == handles(tokens.scratch, c.linked).at(0)));
-        EXPECT_EQ(errors(*p11), (found ? Lines{} : Lines{"Not found.", "Failed."}));
-        EXPECT_EQ(shim::callCount("C_FindObjectsInit") == 1, c.image == shim::Image::specialDriver) << "only the certificate search";
+        if (c.key && !cert.ec() && !c.modulusShown)
+            shim::overrideAttribute(handles(tokens.scratch, CKO_PRIVATE_KEY).at(0), CKA_MODULUS, std::nullopt);
+        ClsCert chosen;
+        ASSERT_EQ(findCert("privateKey", "", chosen), found) << c.cert << " " << (c.key ? c.key : "");
+        Lines said = infos(*p11);
+        std::erase_if(said, [&](const std::string& line) { return std::ranges::count(anyPairing, line) == 0; });
+        EXPECT_EQ(said, c.said) << c.cert << " " << (c.key ? c.key : "");
+        EXPECT_TRUE(chosen.HasPrivateKey() == found
+                    && (!found || chosen.getCertificate()->getLinkedKeyHandle() == handles(tokens.scratch, c.linked).at(0)));
+        EXPECT_EQ(found && chosen.getCertificate()->isLinkedKeyVerified(), found && std::ranges::count(c.said, kUnproven) == 0);
+        Lines wanted = cert.ec() ? Lines{"Certificate key type is ECDSA."} : Lines{};
+        if (!found)
+            wanted.insert(wanted.end(), {"Not found.", "Failed."});
+        EXPECT_EQ(errors(*p11), wanted);
+        EXPECT_EQ(shim::callCount("C_FindObjectsInit") == 1, c.image == specialDriver) << "only the certificate search";
     }
 }

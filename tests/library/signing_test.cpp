@@ -80,3 +80,34 @@ TEST_F(SigningTest, AKeyThatInsistsOnTheContextLoginGetsIt)
         EXPECT_TRUE(kept.isEmpty() && hasInfo(*p11, line)) << line;
     }
 }
+
+// A key taken for want of another (the token keeps no modulus, nor EC point,
+// on its keys) signs only when the certificate verifies what it signed: the
+// wrong key's signature is withheld and its link dropped, the right key's is
+// returned and the key counts as proven from then on.
+TEST_F(SigningTest, AKeyTakenForWantOfAnotherSignsOnlyWhenTheCertificateVerifiesTheSignature)
+{
+    const TokenCert &rsa = tokens.main["rsa2048-id"], &ec = tokens.main["ec384-id"];
+    const struct { const TokenCert &cert, &key; bool pss; } cases[] = {
+        {rsa, tokens.main["rsa2048-subject"], false}, {rsa, rsa, true}, {ec, tokens.ec.certs[0], false}, {ec, ec, false}};
+    const Bytes digest = digestOf("sha384", "fallback");
+    for (const auto& c : cases) {
+        const bool right = &c.cert == &c.key;
+        ASSERT_TRUE(onScratch([&](const TokenSession& s) {
+            importCertificate(s, c.cert.der, {"cert"});
+            importPrivateKey(s, c.key.key.get(), {"key"});
+        }));
+        if (!c.cert.ec())
+            shim::overrideAttribute(handles(tokens.scratch, CKO_PRIVATE_KEY).at(0), CKA_MODULUS, std::nullopt);
+        ClsCert cert;
+        ASSERT_TRUE(findCert("privateKey", "", cert) && hasInfo(*p11, kUnproven)) << logText();
+        EXPECT_FALSE(cert.getCertificate()->isLinkedKeyVerified());
+        DataBuffer signature("stale", 5);
+        p11->put_UsePss(c.pss);
+        EXPECT_EQ(p11->SignHash(cert, XString("sha384"), bufferOf(digest), signature), right) << c.cert.label << " " << c.key.label;
+        EXPECT_EQ(hasError(*p11, kNotItsKey), !right);
+        EXPECT_TRUE(right ? verifiesDigest(c.cert.der, "sha384", digest, verifiable(signature, c.cert.ec()), c.pss)
+                                && cert.getCertificate()->isLinkedKeyVerified()
+                          : signature.isEmpty() && !cert.HasPrivateKey()) << c.cert.label << " " << c.key.label;
+    }
+}

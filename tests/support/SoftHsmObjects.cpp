@@ -128,6 +128,32 @@ CK_OBJECT_HANDLE importPrivateKey(const TokenSession& session, EVP_PKEY* key, co
     return createObject(session, a);
 }
 
+Bytes ecPointValue(EVP_PKEY* key, bool derWrapped)
+{
+    unsigned char* p = nullptr;
+    const std::size_t n = EVP_PKEY_get1_encoded_public_key(key, &p);
+    Bytes point(p, p + n);
+    OPENSSL_free(p);
+    if (!derWrapped)
+        return point;
+    Bytes wrapped = n < 0x80 ? Bytes{0x04} : Bytes{0x04, 0x81}; // P-521's 133 bytes take a long-form length
+    wrapped.push_back(static_cast<std::uint8_t>(n));
+    wrapped.insert(wrapped.end(), point.begin(), point.end());
+    return wrapped;
+}
+
+CK_OBJECT_HANDLE importPublicKey(const TokenSession& session, EVP_PKEY* key, const KeyObjectSpec& spec)
+{
+    Attributes a{{CKA_CLASS, ulongValue(CKO_PUBLIC_KEY)}, {CKA_TOKEN, boolValue(true)}, {CKA_PRIVATE, boolValue(false)},
+                 {CKA_LABEL, textValue(spec.label)}, {CKA_ID, spec.id}};
+    if (EVP_PKEY_is_a(key, "EC"))
+        a.insert(a.end(), {{CKA_KEY_TYPE, ulongValue(CKK_EC)}, {CKA_EC_PARAMS, curveOidDer(key)}, {CKA_EC_POINT, ecPointValue(key)}});
+    else
+        a.insert(a.end(), {{CKA_KEY_TYPE, ulongValue(CKK_RSA)}, {CKA_MODULUS, keyNumber(key, OSSL_PKEY_PARAM_RSA_N)},
+                           {CKA_PUBLIC_EXPONENT, keyNumber(key, OSSL_PKEY_PARAM_RSA_E)}});
+    return createObject(session, a);
+}
+
 CK_OBJECT_HANDLE importCertificate(const TokenSession& session, const Bytes& der, const CertObjectSpec& spec)
 {
     const CertNames names = namesOf(der);

@@ -92,6 +92,13 @@ struct KeyObjectSpec {
 // components of an RSA or EC key made by OpenSSL. RSA keys may also decrypt.
 CK_OBJECT_HANDLE importPrivateKey(const TokenSession& session, EVP_PKEY* key, const KeyObjectSpec& spec);
 
+// An EC key's public point as CKA_EC_POINT holds it: in a DER OCTET STRING,
+// or raw as some tokens keep it.
+Bytes ecPointValue(EVP_PKEY* key, bool derWrapped = true);
+// A public token object with the public components of an RSA or EC key, its
+// label and CKA_ID.
+CK_OBJECT_HANDLE importPublicKey(const TokenSession& session, EVP_PKEY* key, const KeyObjectSpec& spec);
+
 // The parts of a certificate object; the X.509 ones are read from the DER.
 struct CertObjectSpec {
     std::string label;

@@ -292,9 +292,9 @@ TEST_F(CertsTest, ClsCertOutlivesTheCacheAndSeesTheLinkAndUnlink)
         cache.appendObject(new CertificateHolder(std::move(cert)));
         Certificate* inCache = static_cast<CertificateHolder*>(cache.elementAt(0))->getCertPtr(m_log);
         ASSERT_TRUE(held.injectCert(inCache, m_log));
-        EXPECT_FALSE(inCache->linkToPkcs11Session(nullptr, 1, 256, 7, m_log) ||
-                     inCache->linkToPkcs11Session(module, 1, 256, 0, m_log) || held.HasPrivateKey());
-        ASSERT_TRUE(inCache->linkToPkcs11Session(module, 1, 256, 9, m_log));
+        EXPECT_FALSE(inCache->linkToPkcs11Session(nullptr, 1, 256, 7, m_log, true) ||
+                     inCache->linkToPkcs11Session(module, 1, 256, 0, m_log, true) || held.HasPrivateKey());
+        ASSERT_TRUE(inCache->linkToPkcs11Session(module, 1, 256, 9, m_log, true));
         EXPECT_TRUE(held.HasPrivateKey());
         EXPECT_EQ(std::tuple(inCache->getLinkedPkcs11(), inCache->getLinkedKeyHandle(), inCache->getLinkedKeyType(),
                              inCache->getExpectedSignatureSize()), std::tuple(module, 9ul, 1, 256));
