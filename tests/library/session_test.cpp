@@ -24,7 +24,7 @@ TEST_F(SessionTest, DiscoverReportsLibrarySlotsAndTokensAndOpenSessionFindsASlot
     CK_INFO info{};
     tokens.module.functions()->C_GetInfo(&info);
     shim::rewriteSlotFlags(CKF_REMOVABLE_DEVICE);
-    shim::rewriteTokenFlags(CKF_USER_PIN_COUNT_LOW);
+    shim::rewriteTokenFlags(CKF_USER_PIN_COUNT_LOW | CKF_CLOCK_ON_TOKEN);
     shim::removeToken(tokens.admin);
     EXPECT_FALSE(p11->OpenSession(-1, false));
     EXPECT_EQ(errors(*p11), (Lines{"PKCS11 functions not available", "Failed to get slot IDs", "Failed."}));
@@ -36,6 +36,7 @@ TEST_F(SessionTest, DiscoverReportsLibrarySlotsAndTokensAndOpenSessionFindsASlot
                                                   "token.flags.loginRequired", "token.flags.userPinLocked", "flags.removableDevice"}),
               (Lines{std::to_string(tokens.main.slot), SoftHsmToken::kLabel, "4", "<none>", "true", "true", "false", "true"}));
     EXPECT_EQ(json.jsonTypeOf((at(slots, tokens.main.slot) + "token.maxSessionCount").c_str()), ClsJsonObject::kTypeNumber);
+    EXPECT_EQ(json.jsonTypeOf((at(slots, tokens.main.slot) + "token.utcTime").c_str()), ClsJsonObject::kTypeString) << "a token with a clock tells its time";
     EXPECT_EQ(texts(at(slots, tokens.admin), {"tokenPresent", "token"}), (Lines{"false", "<none>"}));
     EXPECT_TRUE(p11->get_VerboseLogging()) << "discovery leaves the log's switch on";
     ASSERT_TRUE(p11->Discover(true, json));

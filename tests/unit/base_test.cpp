@@ -112,6 +112,9 @@ TEST(Json, PathsAddressMembersAndArrayElementsAndFindRecords)
     EXPECT_EQ(find("drivers", "id", "BB", true, "name") + find("drivers", "id", "BB", false, "name") +
                   find("drivers", "file.linux[0]", "/A.SO", false, "id") + find("nothing", "id", "AA", false, "id"),
               "secondfirstAA<none>");
+    // A sub-object or array, never a scalar.
+    for (const auto& [path, found] : {std::pair{"drivers", true}, {"drivers[1]", true}, {"drivers[1].name", false}, {"none", false}})
+        EXPECT_EQ(std::unique_ptr<ClsJsonObject>(json->ObjectOf(XString(path))) != nullptr, found) << path;
 }
 
 TEST(Json, TypesSizesNamesAndClampedIntegers)
