@@ -167,8 +167,8 @@ private:
     bool addTokenInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, ClsJsonObject& json, LogBase& log);
     bool getSlotList(bool tokenPresent, std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
     bool getSlotIdsWithTokenPresent(std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
-    // The module's one slot whose ID has the low 32 bits of the caller's int.
-    bool slotOfNumber(int slotNumber, CK_SLOT_ID& slotId, LogBase& log);
+    // The one slot of the list whose ID has the low 32 bits of the caller's int.
+    bool slotOfNumber(int slotNumber, const std::vector<CK_SLOT_ID>& slots, CK_SLOT_ID& slotId, LogBase& log);
     bool C_OpenSession(CK_SLOT_ID slotId, bool quiet, bool readWrite, LogBase& log);
     bool C_CloseSession(LogBase& log);
     bool C_Login(int userType, const char* pin, bool quiet, LogBase& log);

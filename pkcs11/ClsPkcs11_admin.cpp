@@ -37,7 +37,8 @@ bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label
     LogContextExitor ctx(*this, "FindCert_pkcs11");
     const bool ok = runGuarded(m_log, [&] {
         CK_SLOT_ID slot = 0;
-        return pinIsWhole(soPin, m_log) && slotOfNumber(slotId, slot, m_log)
+        std::vector<CK_SLOT_ID> slots;
+        return pinIsWhole(soPin, m_log) && getSlotList(false, slots, m_log) && slotOfNumber(slotId, slots, slot, m_log)
             && C_InitToken(slot, soPin.getUtf8(), label.getUtf8(), m_log);
     });
     logSuccessFailure(ok);

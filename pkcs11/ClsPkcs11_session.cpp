@@ -82,12 +82,8 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
     }
     log.LogDataLong("desiredSlotId", slotId);
     CK_SLOT_ID wanted = 0;
-    if (!slotOfNumber(slotId, wanted, log))
+    if (!slotOfNumber(slotId, ids, wanted, log))
         return false;
-    if (std::ranges::find(ids, wanted) == ids.end()) {
-        log.LogError("Did not find desired slot ID.");
-        return false;
-    }
     if (!C_OpenSession(wanted, false, readWrite, log))
         return false;
     m_slotId = wanted;

@@ -100,11 +100,8 @@ bool ClsPkcs11::getSlotIdsWithTokenPresent(std::vector<CK_SLOT_ID>& slotIds, Log
 // The caller's int carries 32 bits of a 64-bit slot ID. It names a slot only
 // when no other slot of the module has the same low bits; then the whole ID
 // goes to every call.
-bool ClsPkcs11::slotOfNumber(int slotNumber, CK_SLOT_ID& slotId, LogBase& log)
+bool ClsPkcs11::slotOfNumber(int slotNumber, const std::vector<CK_SLOT_ID>& all, CK_SLOT_ID& slotId, LogBase& log)
 {
-    std::vector<CK_SLOT_ID> all;
-    if (!getSlotList(false, all, log))
-        return false;
     const auto low = static_cast<std::uint32_t>(slotNumber);
     const auto named = [low](CK_SLOT_ID id) { return static_cast<std::uint32_t>(id) == low; };
     const auto count = std::ranges::count_if(all, named);
