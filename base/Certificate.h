@@ -171,6 +171,9 @@ public:
     // Replaces out with the CKA_ID bytes.
     void getCkaId(DataBuffer& out) const;
     bool hasCkaId() const;
+    // The object's CKA_LABEL (empty when none).
+    void setPkcs11Label(std::string label);
+    std::string getPkcs11Label() const;
 
     // The parsed certificate, for library code that needs OpenSSL directly
     // (null when a deferred parse failed).
@@ -213,6 +216,7 @@ private:
     Pkcs11Link m_link;
     unsigned long m_pkcs11ObjectHandle = 0;
     DataBuffer m_ckaId;
+    std::string m_pkcs11Label;
 };
 
 } // namespace p11client

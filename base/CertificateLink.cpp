@@ -96,4 +96,16 @@ bool Certificate::hasCkaId() const
     return !m_ckaId.isEmpty();
 }
 
+void Certificate::setPkcs11Label(std::string label)
+{
+    std::lock_guard lock(m_mutex);
+    m_pkcs11Label = std::move(label);
+}
+
+std::string Certificate::getPkcs11Label() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_pkcs11Label;
+}
+
 } // namespace p11client

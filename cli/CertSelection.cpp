@@ -1,6 +1,7 @@
 #include "CertSelection.h"
 
 #include "Certificate.h"
+#include "DataBuffer.h"
 #include "ClsCert.h"
 #include "ClsJsonObject.h"
 #include "Errors.h"
@@ -11,6 +12,8 @@
 #include <CLI/CLI.hpp>
 #include <p11-kit/pkcs11.h>
 
+#include <algorithm>
+
 namespace p11cli {
 
 using p11client::ClsCert;
@@ -19,38 +22,31 @@ using p11client::XString;
 
 namespace {
 
-// The handle of the first certificate object the URI names.
-unsigned long findCertObject(TokenSession& session, const Pkcs11Uri& uri)
+// Whether the cached certificate is the object the URI names (a key's URI
+// names the certificate with the same label and id).
+bool uriNames(const Pkcs11Uri& uri, const p11client::Certificate& certificate)
 {
-    const auto cls = uri.objectClass();
-    if (cls && *cls != CKO_CERTIFICATE && *cls != CKO_PRIVATE_KEY && *cls != CKO_PUBLIC_KEY)
-        throw UsageError("the URI " + uri.text() + " names no certificate or key");
-    // A key's URI names the certificate with the same label and id.
-    ClsJsonObject search;
-    search.updateString("class", "certificate");
-    if (const auto label = uri.label())
-        search.updateString("label", label->c_str());
-    if (const auto id = uri.id())
-        search.updateString("id", lowerHex(*id).c_str());
-    session.log().check(session.module(), session.module().FindObject(search), "the certificate search failed");
-    if (search.intOf("count") < 1)
-        throw OperationFailed("no certificate on the token matches " + uri.text());
-    return static_cast<unsigned long>(search.intOf("objects[0].handle"));
+    p11client::DataBuffer id;
+    certificate.getCkaId(id);
+    const auto wantedId = uri.id();
+    return (!uri.label() || *uri.label() == certificate.getPkcs11Label())
+        && (!wantedId || std::ranges::equal(*wantedId, id.bytes()));
 }
 
 void selectByUri(TokenSession& session, const Pkcs11Uri& uri, ClsCert& cert)
 {
-    const unsigned long handle = findCertObject(session, uri);
+    const auto cls = uri.objectClass();
+    if (cls && *cls != CKO_CERTIFICATE && *cls != CKO_PRIVATE_KEY && *cls != CKO_PUBLIC_KEY)
+        throw UsageError("the URI " + uri.text() + " names no certificate or key");
     auto& p11 = session.module();
     session.log().check(p11, p11.FindAllCerts(), "could not read the token's certificates");
     for (int i = 0; i < p11.get_NumCerts(); ++i) {
         session.log().check(p11, p11.GetCert(i, cert), "could not read certificate " + std::to_string(i));
         const auto certificate = cert.getCertificate();
-        if (certificate && certificate->getPkcs11ObjectHandle() == handle)
+        if (certificate && uriNames(uri, *certificate))
             return;
     }
-    throw OperationFailed("the object " + std::to_string(handle) + " matching " + uri.text()
-                          + " is no X.509 certificate the library can read");
+    throw OperationFailed("no certificate on the token matches " + uri.text());
 }
 
 } // namespace

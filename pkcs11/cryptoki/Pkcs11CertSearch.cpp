@@ -11,7 +11,9 @@ namespace p11client {
 
 namespace {
 
-constexpr CK_ATTRIBUTE_TYPE kCertAttributes[] = {CKA_VALUE, CKA_ID};
+// The label comes along in the same call, so that a certificate named by a
+// PKCS#11 URI is found in the cache without reading its value again.
+constexpr CK_ATTRIBUTE_TYPE kCertAttributes[] = {CKA_VALUE, CKA_ID, CKA_LABEL};
 
 } // namespace
 
@@ -45,6 +47,8 @@ bool ClsPkcs11::findAllCerts(LogBase& log)
         const AttributeValue* id = reader.find(CKA_ID);
         if (id->present)
             cert->setCkaId(id->value.bytes());
+        if (const AttributeValue* label = reader.find(CKA_LABEL); label->present)
+            cert->setPkcs11Label(std::string(label->value.bytes().begin(), label->value.bytes().end()));
         m_certs.appendObject(std::make_unique<CertificateHolder>(std::move(cert)));
     }
     m_certsCached = true;
