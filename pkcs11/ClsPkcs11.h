@@ -161,17 +161,16 @@ private:
     bool getPkcs11Functions(LogBase& log);
     bool pkcs11_initialize(LogBase& log);
     bool getCryptokiInfo(ClsJsonObject& json, LogBase& log);
-    bool getSlotsInfo(bool onlyTokensPresent, bool includeRawFlags, bool stopAtSlotError, ClsJsonObject& json,
-                      LogBase& log);
-    bool addSlotInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, ClsJsonObject& json, LogBase& log);
-    bool addTokenInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, ClsJsonObject& json, LogBase& log);
+    bool getSlotsInfo(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log);
+    bool addSlotInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log);
+    bool addTokenInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log);
     bool getSlotList(bool tokenPresent, std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
     bool getSlotIdsWithTokenPresent(std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
     // The one slot of the list whose ID has the low 32 bits of the caller's int.
     bool slotOfNumber(int slotNumber, const std::vector<CK_SLOT_ID>& slots, CK_SLOT_ID& slotId, LogBase& log);
-    bool C_OpenSession(CK_SLOT_ID slotId, bool quiet, bool readWrite, LogBase& log);
+    bool C_OpenSession(CK_SLOT_ID slotId, bool readWrite, LogBase& log);
     bool C_CloseSession(LogBase& log);
-    bool C_Login(int userType, const char* pin, bool quiet, LogBase& log);
+    bool C_Login(int userType, const char* pin, LogBase& log);
     bool C_Logout(LogBase& log);
     bool C_SetPIN(const char* oldPin, const char* newPin, LogBase& log);
     bool C_InitPIN(const char* pin, LogBase& log);
@@ -215,7 +214,7 @@ private:
     void readPublicKeyMaterial(Pkcs11_PrivateKey& key, unsigned long keyType);
     bool findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBase& log);
     bool findAllCerts(LogBase& log);
-    int findObject(ClsJsonObject& json, LogBase& log);
+    bool findObject(ClsJsonObject& json, LogBase& log);
     std::optional<unsigned long> objectClassOf(unsigned long handle, std::optional<unsigned long> known, LogBase& log);
 
     // Pairing and selection.

@@ -53,7 +53,7 @@ bool ClsPkcs11::discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& l
         log.LogError("Failed to GetInfo");
         return false;
     }
-    if (!getSlotsInfo(onlyTokensPresent, false, false, json, log)) {
+    if (!getSlotsInfo(onlyTokensPresent, json, log)) {
         log.LogError("Failed to GetSlotsInfo");
         return false;
     }

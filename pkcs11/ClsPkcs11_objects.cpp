@@ -11,7 +11,7 @@ bool ClsPkcs11::FindObject(ClsJsonObject& json)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "FindObject");
-    return runGuarded(m_log, [&] { return findObject(json, m_log) != 0; });
+    return runGuarded(m_log, [&] { return findObject(json, m_log); });
 }
 
 bool ClsPkcs11::FindAllKeys(const XString& keyFilter, ClsJsonObject& json)

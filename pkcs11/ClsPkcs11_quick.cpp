@@ -25,7 +25,7 @@ bool ClsPkcs11::QuickSession(int userType, const XString& pin)
             logSuccessFailure(true);
             return true;
         }
-        if (!C_Login(userType, pin.getUtf8(), false, m_log)) {
+        if (!C_Login(userType, pin.getUtf8(), m_log)) {
             m_log.LogError("Failed to login.");
             return false;
         }

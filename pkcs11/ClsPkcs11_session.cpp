@@ -48,7 +48,7 @@ bool ClsPkcs11::Login(int userType, const XString& pin)
             logSuccessFailure2(true, m_log);
             return true;
         }
-        return C_Login(userType, pin.getUtf8(), false, m_log);
+        return C_Login(userType, pin.getUtf8(), m_log);
     });
 }
 
@@ -73,7 +73,7 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
     }
     if (slotId == -1) {
         for (CK_SLOT_ID id : ids) {
-            if (C_OpenSession(id, false, readWrite, log)) {
+            if (C_OpenSession(id, readWrite, log)) {
                 m_slotId = id;
                 return true;
             }
@@ -84,7 +84,7 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
     CK_SLOT_ID wanted = 0;
     if (!slotOfNumber(slotId, ids, wanted, log))
         return false;
-    if (!C_OpenSession(wanted, false, readWrite, log))
+    if (!C_OpenSession(wanted, readWrite, log))
         return false;
     m_slotId = wanted;
     return true;
@@ -94,7 +94,7 @@ bool ClsPkcs11::login(int userType, const char* pin, LogBase& log)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(log, "Login");
-    return C_Login(userType, pin, false, log);
+    return C_Login(userType, pin, log);
 }
 
 void ClsPkcs11::setContextSpecificPin(const XString& pin, LogBase& log)

@@ -156,7 +156,7 @@ bool ClsPkcs11::signOnToken(CK_MECHANISM& mechanism, unsigned long hKey, const D
     }
     if (!C_SignInit(mechanism, hKey, log))
         return false;
-    if (contextLogin && !C_Login(kUserTypeContextSpecific, m_sigContextPin.getUtf8(), false, log)) {
+    if (contextLogin && !C_Login(kUserTypeContextSpecific, m_sigContextPin.getUtf8(), log)) {
         log.LogError("The context-specific login failed.");
         DataBuffer discarded;
         C_Sign(input, expectedSize, discarded, log); // ends the operation the token holds

@@ -1,5 +1,7 @@
 #include "CkNames.h"
 
+#include "LogBase.h"
+
 #include <cstdio>
 
 namespace p11client {
@@ -63,5 +65,20 @@ std::string ckaName(CK_ATTRIBUTE_TYPE type)
 }
 
 std::span<const CK_ATTRIBUTE_TYPE> knownAttributeTypes() { return kCkaTypes; }
+
+bool reportCall(const char* function, CK_RV rv, LogBase& log, bool quiet)
+{
+    if (rv == CKR_OK) {
+        if (log.m_verbose)
+            log.LogInfo((std::string(function) + " returned CKR_OK").c_str());
+        return true;
+    }
+    const std::string message = std::string(function) + " returned " + ckrName(rv);
+    if (quiet)
+        log.LogInfo(message.c_str());
+    else
+        log.LogError(message.c_str());
+    return false;
+}
 
 } // namespace p11client

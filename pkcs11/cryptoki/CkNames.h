@@ -11,6 +11,13 @@ namespace p11client {
 // else unknown as its hexadecimal value.
 std::string ckrName(CK_RV rv);
 
+class LogBase;
+
+// How a call's return value is reported, the one way for every call: an
+// error "C_Login returned CKR_PIN_INCORRECT" (an info line when quiet),
+// CKR_OK only in a verbose log. True for CKR_OK.
+bool reportCall(const char* function, CK_RV rv, LogBase& log, bool quiet = false);
+
 // "CKA_LABEL"; unknown types as their hexadecimal value. Null-free.
 std::string ckaName(CK_ATTRIBUTE_TYPE type);
 

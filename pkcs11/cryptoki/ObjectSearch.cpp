@@ -3,19 +3,7 @@
 #include "CkNames.h"
 #include "LogBase.h"
 
-#include <string>
-
 namespace p11client {
-
-namespace {
-
-bool failed(const char* function, CK_RV rv, LogBase& log)
-{
-    log.LogError((std::string(function) + " returned " + ckrName(rv)).c_str());
-    return false;
-}
-
-} // namespace
 
 ObjectSearch::ObjectSearch(CK_FUNCTION_LIST* functions, CK_SESSION_HANDLE session)
     : m_functions(functions), m_session(session)
@@ -35,7 +23,7 @@ bool ObjectSearch::findAll(std::vector<CK_ATTRIBUTE>& tmpl, std::vector<CK_OBJEC
 {
     const CK_RV rv = m_functions->C_FindObjectsInit(m_session, tmpl.empty() ? nullptr : tmpl.data(), tmpl.size());
     if (rv != CKR_OK)
-        return failed("C_FindObjectsInit", rv, log);
+        return reportCall("C_FindObjectsInit", rv, log);
     m_active = true;
     const bool ok = fetchAll(found, log);
     finish();
@@ -49,7 +37,7 @@ bool ObjectSearch::fetchAll(std::vector<CK_OBJECT_HANDLE>& found, LogBase& log)
         CK_ULONG count = 0;
         const CK_RV rv = m_functions->C_FindObjects(m_session, batch.data(), kBatchSize, &count);
         if (rv != CKR_OK)
-            return failed("C_FindObjects", rv, log);
+            return reportCall("C_FindObjects", rv, log);
         if (count > kBatchSize) {
             log.LogError("C_FindObjects reported more objects than it was asked for.");
             return false;

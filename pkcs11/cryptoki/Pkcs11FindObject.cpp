@@ -39,7 +39,7 @@ std::optional<CK_OBJECT_CLASS> ClsPkcs11::objectClassOf(unsigned long handle, st
     return reader.find(CKA_CLASS)->asUlong();
 }
 
-int ClsPkcs11::findObject(ClsJsonObject& json, LogBase& log)
+bool ClsPkcs11::findObject(ClsJsonObject& json, LogBase& log)
 {
     LogContextExitor ctx(log, "findObject");
     ObjectTemplate search;

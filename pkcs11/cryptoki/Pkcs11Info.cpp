@@ -28,14 +28,11 @@ void putCount(ClsJsonObject& json, const std::string& path, CK_ULONG value)
         json.updateUInt(path.c_str(), value);
 }
 
-void putFlags(ClsJsonObject& json, const std::string& path, CK_FLAGS flags,
-              std::span<const CkFlagName> names, bool includeRaw)
+void putFlags(ClsJsonObject& json, const std::string& path, CK_FLAGS flags, std::span<const CkFlagName> names)
 {
     json.updateNewObject(path.c_str());
     for (const CkFlagName& flag : names)
         json.updateBool(at(path, flag.name).c_str(), (flags & flag.bit) != 0);
-    if (includeRaw)
-        json.updateUInt(at(path, "value").c_str(), flags);
 }
 
 std::string slotPath(int index) { return "slots[" + std::to_string(index) + "]"; }
@@ -57,12 +54,9 @@ bool ClsPkcs11::getCryptokiInfo(ClsJsonObject& json, LogBase& log)
     return true;
 }
 
-// includeRawFlags adds each flags word as a number beside its decoded
-// members; stopAtSlotError fails the whole report when one slot can't be
-// read, where otherwise that slot carries an "error" member and the others
-// are still reported.
-bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, bool includeRawFlags, bool stopAtSlotError,
-                             ClsJsonObject& json, LogBase& log)
+// A slot that can't be read carries an "error" member; the others are still
+// reported.
+bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log)
 {
     std::vector<CK_SLOT_ID> slotIds;
     if (!getSlotList(onlyTokensPresent, slotIds, log))
@@ -71,14 +65,12 @@ bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, bool includeRawFlags, bool 
     for (std::size_t i = 0; i < slotIds.size(); ++i) {
         const int index = static_cast<int>(i);
         json.updateUInt(at(slotPath(index), "id").c_str(), slotIds[i]);
-        if (!addSlotInfo(slotIds[i], index, includeRawFlags, json, log) && stopAtSlotError)
-            return false;
+        addSlotInfo(slotIds[i], index, json, log);
     }
     return true;
 }
 
-bool ClsPkcs11::addSlotInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, ClsJsonObject& json,
-                            LogBase& log)
+bool ClsPkcs11::addSlotInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log)
 {
     CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetSlotInfo, "C_GetSlotInfo", false, log);
     if (f == nullptr)
@@ -94,14 +86,13 @@ bool ClsPkcs11::addSlotInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, 
     putText(json, at(path, "manufacturer"), ckText(info.manufacturerID));
     putText(json, at(path, "hardwareVersion"), ckVersion(info.hardwareVersion));
     putText(json, at(path, "firmwareVersion"), ckVersion(info.firmwareVersion));
-    putFlags(json, at(path, "flags"), info.flags, slotFlagNames(), includeRawFlags);
+    putFlags(json, at(path, "flags"), info.flags, slotFlagNames());
     const bool tokenPresent = (info.flags & CKF_TOKEN_PRESENT) != 0;
     json.updateBool(at(path, "tokenPresent").c_str(), tokenPresent);
-    return !tokenPresent || addTokenInfo(slotId, index, includeRawFlags, json, log);
+    return !tokenPresent || addTokenInfo(slotId, index, json, log);
 }
 
-bool ClsPkcs11::addTokenInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags, ClsJsonObject& json,
-                             LogBase& log)
+bool ClsPkcs11::addTokenInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log)
 {
     CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetTokenInfo, "C_GetTokenInfo", false, log);
     if (f == nullptr)
@@ -117,7 +108,7 @@ bool ClsPkcs11::addTokenInfo(CK_SLOT_ID slotId, int index, bool includeRawFlags,
     putText(json, at(path, "manufacturer"), ckText(info.manufacturerID));
     putText(json, at(path, "model"), ckText(info.model));
     putText(json, at(path, "serialNumber"), ckText(info.serialNumber));
-    putFlags(json, at(path, "flags"), info.flags, tokenFlagNames(), includeRawFlags);
+    putFlags(json, at(path, "flags"), info.flags, tokenFlagNames());
     putCount(json, at(path, "minPinLen"), info.ulMinPinLen);
     putCount(json, at(path, "maxPinLen"), info.ulMaxPinLen);
     putCount(json, at(path, "sessionCount"), info.ulSessionCount);

@@ -9,17 +9,7 @@ namespace p11client {
 
 bool ClsPkcs11::checkRv(const char* function, unsigned long rv, LogBase& log, bool quiet)
 {
-    if (rv == CKR_OK) {
-        if (log.m_verbose)
-            log.LogInfo((std::string(function) + " returned CKR_OK").c_str());
-        return true;
-    }
-    const std::string message = std::string(function) + " returned " + ckrName(rv);
-    if (quiet)
-        log.LogInfo(message.c_str());
-    else
-        log.LogError(message.c_str());
-    return false;
+    return reportCall(function, rv, log, quiet);
 }
 
 // The list is fetched once per loaded image: p11-kit's proxy and client

@@ -118,7 +118,7 @@ bool ClsPkcs11::slotOfNumber(int slotNumber, const std::vector<CK_SLOT_ID>& all,
     return true;
 }
 
-bool ClsPkcs11::C_OpenSession(CK_SLOT_ID slotId, bool quiet, bool readWrite, LogBase& log)
+bool ClsPkcs11::C_OpenSession(CK_SLOT_ID slotId, bool readWrite, LogBase& log)
 {
     CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_OpenSession, "C_OpenSession", false, log);
     if (f == nullptr)
@@ -133,7 +133,7 @@ bool ClsPkcs11::C_OpenSession(CK_SLOT_ID slotId, bool quiet, bool readWrite, Log
     forgetContextPinOfOtherToken(slotId, log);
     const CK_FLAGS flags = CKF_SERIAL_SESSION | (readWrite ? CKF_RW_SESSION : 0);
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
-    if (!checkRv("C_OpenSession", f->C_OpenSession(slotId, flags, nullptr, nullptr, &session), log, quiet))
+    if (!checkRv("C_OpenSession", f->C_OpenSession(slotId, flags, nullptr, nullptr, &session), log))
         return false;
     if (session == CK_INVALID_HANDLE) {
         log.LogError("C_OpenSession returned no session handle.");
@@ -213,7 +213,7 @@ bool ClsPkcs11::pinUsable(const PinArg& pin, CK_SLOT_ID slotId, LogBase& log)
     return pinPad;
 }
 
-bool ClsPkcs11::C_Login(int userType, const char* pin, bool quiet, LogBase& log)
+bool ClsPkcs11::C_Login(int userType, const char* pin, LogBase& log)
 {
     CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_Login, "C_Login", true, log);
     if (f == nullptr)
@@ -231,7 +231,7 @@ bool ClsPkcs11::C_Login(int userType, const char* pin, bool quiet, LogBase& log)
         log.LogInfo("Already logged in.");
         rv = CKR_OK;
     }
-    if (!checkRv("C_Login", rv, log, quiet)) {
+    if (!checkRv("C_Login", rv, log)) {
         // The PIN kept for signing would be offered again at the next
         // signature: a PIN the token refused is never tried twice.
         if (userType == CKU_CONTEXT_SPECIFIC && pinRefused(rv) && !m_sigContextPin.isEmpty()) {

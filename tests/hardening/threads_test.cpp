@@ -54,13 +54,15 @@ static int drive(const std::vector<ClsPkcs11*>& objects, int threads, int calls)
 }
 
 // One thread opens a session, links a certificate and closes the session,
-// again and again, while the caller's thread reads.
+// 100 times and then until the reader has seen enough, while the caller's
+// thread reads.
 template <class Reader>
-static void raceWithSessions(ClsPkcs11& p11, Reader read) {
+static void raceWithSessions(ClsPkcs11& p11, Reader read, const std::function<bool()>& enough = [] { return true; }) {
     std::atomic<bool> done{false};
     std::thread writer([&] {
         ClsCert linked;
-        for (int i = 0; i < 100; ++i) p11.OpenSession(-1, false), p11.FindCert(XString("privateKey"), XString(""), linked), p11.CloseSession();
+        for (int i = 0; i < 100 || (!enough() && i < 10000); ++i)
+            p11.OpenSession(-1, false), p11.FindCert(XString("privateKey"), XString(""), linked), p11.CloseSession();
         done = true;
     });
     do read(); while (!done);
@@ -115,8 +117,9 @@ TEST_F(HardeningTest, LinkedCertificateAndSessionStateReadWhileAnotherThreadOpen
         const auto keeper = objectOn();
         ASSERT_TRUE(keeper->QuickSession(1, text(token().userPin)));
         LogNull log;
-        int relinked = 0;
-        raceWithSessions(*p11, [&] { relinked += p11->linkCertToPkcs11Session(held.getCertificate().get(), false, log) ? 1 : 0; });
+        std::atomic<int> relinked = 0;
+        raceWithSessions(*p11, [&] { relinked += p11->linkCertToPkcs11Session(held.getCertificate().get(), false, log) ? 1 : 0; },
+                         [&] { return relinked > 0; });
         EXPECT_GT(relinked, 0);
     }
     EXPECT_FALSE(p11->hasOpenSession());
