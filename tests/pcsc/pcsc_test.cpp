@@ -47,7 +47,8 @@ public:
         m_pid = fork();
         if (m_pid != 0)
             return;
-        if (std::freopen(output.c_str(), "w", stdout) == nullptr || std::freopen(output.c_str(), "a", stderr) == nullptr)
+        if (std::freopen(output.c_str(), "w", stdout) == nullptr
+            || std::freopen(output.c_str(), "a", stderr) == nullptr)
             _exit(127);
         std::vector<char*> argv;
         for (std::string& arg : args)
@@ -121,7 +122,11 @@ struct Service {
     static inline int port = 0;
     static inline std::unique_ptr<Child> pcscd;
 
-    static void start() { pcscd = std::make_unique<Child>(std::vector<std::string> {"pcscd", "-f", "-c", (dir / "reader.conf.d").string()}, dir / "pcscd.log"); }
+    static void start()
+    {
+        pcscd = std::make_unique<Child>(
+            std::vector<std::string> {"pcscd", "-f", "-c", (dir / "reader.conf.d").string()}, dir / "pcscd.log");
+    }
 };
 
 class ServiceEnvironment : public ::testing::Environment {
@@ -164,7 +169,8 @@ protected:
             GTEST_SKIP() << Service::skipReason;
         for (int i = 0; i < 100 && readerNames().size() < 2; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        ASSERT_EQ(readerNames(), (std::vector<std::string> {kReader0, kReader1})) << readFile(Service::dir / "pcscd.log");
+        ASSERT_EQ(readerNames(), (std::vector<std::string> {kReader0, kReader1}))
+            << readFile(Service::dir / "pcscd.log");
         // A card put in before the last one is seen gone would keep its ATR.
         waitForAtrs("", "");
     }
@@ -240,7 +246,8 @@ TEST_F(PcscTier, ModuleAutoLoadsTheDriverOfTheCard)
     const auto card = insertCard(1, kPivAtr);
     const auto other = insertCard(0, kBelgianAtr);
     waitForAtrs(kBelgianAtr, kPivAtr);
-    for (const char* args : {"--module auto --reader 'Virtual PCD 00 01' discover", "--reader 'Virtual PCD 00 01' discover"}) {
+    for (const char* args : {"--module auto --reader 'Virtual PCD 00 01' discover",
+                             "--reader 'Virtual PCD 00 01' discover"}) {
         const Outcome discover = run(args);
         EXPECT_EQ(discover.exitCode, 0) << args << discover.err;
         EXPECT_NE(discover.out.find(std::string("Module   ") + kOpenSc + "\nLibrary  OpenSC Project"),
