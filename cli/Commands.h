@@ -16,5 +16,6 @@ void addSignCommand(CLI::App& app, CommandContext& context);
 void addVerifyCommand(CLI::App& app, CommandContext& context);
 void addAdminCommands(CLI::App& app, CommandContext& context); // init-token, init-pin, set-pin
 void addAtrCommand(CLI::App& app, CommandContext& context);
+void addReadersCommand(CLI::App& app, CommandContext& context);
 
 } // namespace p11cli

@@ -4,6 +4,7 @@
 #include "Errors.h"
 #include "XString.h"
 
+#include <cctype>
 #include <cstdio>
 
 namespace p11cli {
@@ -79,6 +80,20 @@ void LibraryLog::fail(const std::vector<LogEntry>& entries, const std::string& w
             std::fprintf(stderr, "error: %s\n", entry.text.c_str());
     const std::string hint = hintFor(entries);
     throw OperationFailed(hint.empty() ? what : what + ": " + hint);
+}
+
+std::string LibraryLog::problemOf(const std::vector<LogEntry>& entries)
+{
+    std::string text = "the operation failed";
+    for (const LogEntry& entry : entries)
+        if (entry.kind == LogEntry::Kind::Error && entry.text != "Failed.")
+            text = entry.text;
+    if (text.ends_with('.'))
+        text.pop_back();
+    if (text.size() > 1 && std::isupper(static_cast<unsigned char>(text[0])) != 0
+        && std::islower(static_cast<unsigned char>(text[1])) != 0)
+        text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
+    return text;
 }
 
 } // namespace p11cli

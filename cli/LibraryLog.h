@@ -28,6 +28,9 @@ public:
     void show(p11client::ClsBase& object) const;
     void show(const p11client::_qxLogger& log) const;
     bool verbose() const { return m_verbose; }
+    // The reason a call gave for failing, its last error line but the
+    // closing "Failed.", as the tool words its own errors.
+    static std::string problemOf(const std::vector<p11client::LogEntry>& entries);
 
 private:
     void fail(const std::vector<p11client::LogEntry>& entries, const std::string& what) const;

@@ -26,13 +26,27 @@ bool GlobalOptions::hasSlot() const
     return slotOption != nullptr && slotOption->count() > 0;
 }
 
+bool GlobalOptions::moduleFromCard() const
+{
+    if (!readerName.empty() && !modulePath.empty() && modulePath != "auto")
+        throw UsageError("--reader goes with --module auto, not with a module path");
+    return modulePath == "auto" || !readerName.empty();
+}
+
 void addGlobalOptions(CLI::App& app, CommandContext& context)
 {
     GlobalOptions& o = context.options;
     const std::string group = "Token selection and output";
     app.add_option("--module", o.modulePath,
-                   "the vendor's PKCS#11 module (default: p11-kit's proxy module, p11-kit-proxy.so)")
+                   "the vendor's PKCS#11 module, or auto for the driver of the card in the reader (default: "
+                   "p11-kit's proxy module, p11-kit-proxy.so)")
         ->type_name("PATH")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+        ->group(group);
+    app.add_option("--reader", o.readerName,
+                   "with --module auto, the reader whose card chooses the module, as readers shows it (needed "
+                   "when several readers hold a card)")
+        ->type_name("NAME")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
         ->group(group);
     o.slotOption = app.add_option("--slot", o.slotId,

@@ -14,7 +14,8 @@ class CommandContext;
 
 // The options every command takes.
 struct GlobalOptions {
-    std::string modulePath;
+    std::string modulePath; // "auto": the driver of the card in a reader
+    std::string readerName;
     unsigned long slotId = 0;
     CLI::Option* slotOption = nullptr;
     std::string uri;
@@ -22,6 +23,9 @@ struct GlobalOptions {
     bool verbose = false;
 
     bool hasSlot() const;
+    // Whether the module comes from the card in a reader (--module auto, or
+    // --reader alone); a UsageError when --reader comes with a module path.
+    bool moduleFromCard() const;
 };
 
 // Adds the global options (and the user PIN's sources) to the application.

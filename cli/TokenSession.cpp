@@ -1,5 +1,6 @@
 #include "TokenSession.h"
 
+#include "ClsCardReaders.h"
 #include "CommandContext.h"
 #include "Errors.h"
 
@@ -41,16 +42,34 @@ p11client::ClsJsonObject& TokenSession::discover()
 {
     if (m_discovered)
         return m_report;
-    std::vector<std::string> uriModules;
-    for (const Pkcs11Uri& uri : m_uris)
-        uriModules.push_back(uri.modulePath());
-    const std::string path = chooseModulePath(m_context.options.modulePath, uriModules);
+    const std::string path = chooseModule();
     m_p11->put_SharedLibPath(XString(path.c_str()));
     m_p11->put_VerboseLogging(m_context.options.verbose);
     m_log.check(*m_p11, m_p11->Discover(true, m_report), "could not load or query the module " + path);
     m_slots = slotsOfReport(m_report);
     m_discovered = true;
     return m_report;
+}
+
+// The module given, or the driver of the card in the reader.
+std::string TokenSession::chooseModule()
+{
+    const GlobalOptions& o = m_context.options;
+    if (!o.moduleFromCard()) {
+        std::vector<std::string> uriModules;
+        for (const Pkcs11Uri& uri : m_uris)
+            uriModules.push_back(uri.modulePath());
+        return chooseModulePath(o.modulePath, uriModules);
+    }
+    p11client::_qxLogger log;
+    log.m_verbose = o.verbose;
+    const bool ok = p11client::ClsCardReaders::moduleFromReader(*m_p11, o.readerName, log);
+    m_log.show(log);
+    if (!ok)
+        throw OperationFailed(LibraryLog::problemOf(log.entries()));
+    XString path;
+    m_p11->get_SharedLibPath(path);
+    return path.getUtf8();
 }
 
 const SlotRecord& TokenSession::chooseSlot(SlotNeed need)

@@ -56,6 +56,7 @@ public:
 
 private:
     std::string selectionText() const;
+    std::string chooseModule();
 
     CommandContext& m_context;
     LibraryLog m_log;

@@ -31,6 +31,7 @@ void addCommands(CLI::App& app, CommandContext& context)
     addVerifyCommand(app, context);
     addAdminCommands(app, context);
     addAtrCommand(app, context);
+    addReadersCommand(app, context);
 }
 
 int runParsed(const CommandContext& context)

@@ -8,6 +8,7 @@ packages=(
   libssl-dev zlib1g-dev nlohmann-json3-dev libp11-kit-dev libcli11-dev p11-kit p11-kit-modules
   libgtest-dev libgmock-dev libbenchmark-dev
   softhsm2 opensc openssl python3-pykcs11
+  libpcsclite-dev pcscd vsmartcard-vpcd
   clang libclang-rt-14-dev
 )
 

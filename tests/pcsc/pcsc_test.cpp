@@ -1,0 +1,305 @@
+// The readers command and --module auto on real parts: pcscd with vpcd's two
+// virtual readers, and virtual_card.py as the card in them.
+#include "ClsCardReaders.h"
+#include "ClsJsonObject.h"
+#include "XString.h"
+
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+constexpr const char* kServiceSocket = "/run/pcscd/pcscd.comm";
+constexpr const char* kVpcdDriver = "/usr/lib/pcsc/drivers/serial/libifdvpcd.so";
+constexpr const char* kOpenSc = "/usr/lib/x86_64-linux-gnu/opensc-pkcs11.so";
+constexpr const char* kPivAtr = "3BDF960081B1FE451F838073CC91CBF9A0000003080000100079";
+constexpr const char* kPivName = "USG:Executive Office of the President";
+constexpr const char* kBelgianAtr = "3B9813400AA503010101AD1311"; // its driver is not installed here
+constexpr const char* kReader0 = "Virtual PCD 00 00";
+constexpr const char* kReader1 = "Virtual PCD 00 01";
+
+// A child process, ended (SIGTERM, then SIGKILL) when the object goes.
+class Child {
+public:
+    Child(std::vector<std::string> args, const fs::path& output)
+    {
+        m_pid = fork();
+        if (m_pid != 0)
+            return;
+        if (std::freopen(output.c_str(), "w", stdout) == nullptr
+            || std::freopen(output.c_str(), "a", stderr) == nullptr)
+            _exit(127);
+        std::vector<char*> argv;
+        for (std::string& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    ~Child() { stop(); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    void stop()
+    {
+        if (m_pid <= 0)
+            return;
+        kill(m_pid, SIGTERM);
+        for (int i = 0; i < 50 && waitpid(m_pid, nullptr, WNOHANG) == 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (kill(m_pid, SIGKILL) == 0)
+            waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+
+private:
+    pid_t m_pid = -1;
+};
+
+bool serviceAnswers()
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address {};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", kServiceSocket);
+    const bool answers = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(fd);
+    return answers;
+}
+
+// A TCP port free now, for vpcd's first reader (the second takes the next).
+int freePort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+struct Outcome {
+    int exitCode = -1;
+    std::string out, err;
+};
+
+std::string readFile(const fs::path& path)
+{
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+// The machine's PC/SC service, started by this binary with a reader
+// configuration of its own; every test is skipped when another one runs.
+struct Service {
+    static inline std::string skipReason;
+    static inline fs::path dir;
+    static inline int port = 0;
+    static inline std::unique_ptr<Child> pcscd;
+
+    static void start()
+    {
+        pcscd = std::make_unique<Child>(
+            std::vector<std::string> {"pcscd", "-f", "-c", (dir / "reader.conf.d").string()}, dir / "pcscd.log");
+    }
+};
+
+class ServiceEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        if (serviceAnswers())
+            Service::skipReason = std::string("another pcscd serves ") + kServiceSocket + ": the tier needs its own";
+        else if (!fs::exists(kVpcdDriver) || !fs::exists(kOpenSc))
+            Service::skipReason = "pcscd, vsmartcard-vpcd or opensc is not installed (scripts/install-deps.sh)";
+        if (!Service::skipReason.empty())
+            return;
+        const fs::path dir = fs::temp_directory_path() / ("pcsc_tests." + std::to_string(getpid()));
+        Service::dir = dir;
+        fs::create_directories(dir / "reader.conf.d");
+        Service::port = freePort();
+        std::ofstream(dir / "reader.conf.d" / "vpcd") << "FRIENDLYNAME \"Virtual PCD\"\nDEVICENAME /dev/null:0x"
+                                                      << std::hex << Service::port << "\nLIBPATH " << kVpcdDriver
+                                                      << "\nCHANNELID 0x" << Service::port << "\n";
+        // OpenSC tries only its PIV driver: the others' probing costs seconds.
+        std::ofstream(dir / "opensc.conf") << "app default {\n  card_drivers = PIV-II;\n}\n";
+        setenv("OPENSC_CONF", (dir / "opensc.conf").c_str(), 1);
+        Service::start();
+    }
+    void TearDown() override
+    {
+        Service::pcscd.reset();
+        if (!Service::dir.empty())
+            fs::remove_all(Service::dir);
+    }
+};
+
+const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new ServiceEnvironment);
+
+class PcscTier : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!Service::skipReason.empty())
+            GTEST_SKIP() << Service::skipReason;
+        for (int i = 0; i < 100 && readerNames().size() < 2; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ASSERT_EQ(readerNames(), (std::vector<std::string> {kReader0, kReader1}))
+            << readFile(Service::dir / "pcscd.log");
+        // A card put in before the last one is seen gone would keep its ATR.
+        waitForAtrs("", "");
+    }
+
+    static json listReaders()
+    {
+        p11client::ClsCardReaders readers;
+        p11client::ClsJsonObject report;
+        p11client::XString text;
+        if (!readers.ListReaders(report) || !report.Emit(text))
+            return json::object();
+        return json::parse(text.getUtf8());
+    }
+    static std::vector<std::string> readerNames()
+    {
+        std::vector<std::string> names;
+        for (const json& reader : listReaders().value("readers", json::array()))
+            names.push_back(reader["name"]);
+        return names;
+    }
+    // Waits until the readers hold cards with these ATRs ("" for none).
+    static void waitForAtrs(const std::string& atr0, const std::string& atr1)
+    {
+        for (int i = 0; i < 100; ++i) {
+            const json readers = listReaders().value("readers", json::array());
+            if (readers.size() == 2 && readers[0].value("atr", "") == atr0 && readers[1].value("atr", "") == atr1)
+                return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        FAIL() << "the readers never showed the cards " << atr0 << " / " << atr1;
+    }
+    static std::unique_ptr<Child> insertCard(int reader, const std::string& atr)
+    {
+        return std::make_unique<Child>(
+            std::vector<std::string> {"python3", VIRTUAL_CARD_PATH, std::to_string(Service::port + reader), atr},
+            Service::dir / ("card" + std::to_string(reader) + ".log"));
+    }
+    static Outcome run(const std::string& args)
+    {
+        const fs::path out = Service::dir / "out", err = Service::dir / "err";
+        const int status = std::system(
+            (std::string(P11CLIENT_CLI_PATH) + " " + args + " >" + out.string() + " 2>" + err.string()).c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128, readFile(out), readFile(err)};
+    }
+};
+
+TEST_F(PcscTier, ReadersShowTheCardItsNameAndItsInstalledDriver)
+{
+    const auto card = insertCard(0, kPivAtr);
+    waitForAtrs(kPivAtr, "");
+    const Outcome text = run("readers");
+    EXPECT_EQ(text.exitCode, 0) << text.err;
+    EXPECT_NE(text.out.find(std::string("Reader ") + kReader0 + "\n  ATR        " + kPivAtr + "\n  card       "
+                            + kPivName + "\n  read-only  yes\n"),
+              std::string::npos)
+        << text.out;
+    EXPECT_NE(text.out.find(std::string(kOpenSc) + "  (present)"), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("/usr/local/lib/opensc-pkcs11.so  (not on this machine)"), std::string::npos);
+    EXPECT_NE(text.out.find(std::string("Reader ") + kReader1 + "\n  card  none\n"), std::string::npos) << text.out;
+
+    const Outcome report = run("readers --json");
+    ASSERT_EQ(report.exitCode, 0) << report.err;
+    const json readers = json::parse(report.out)["readers"];
+    ASSERT_EQ(readers.size(), 2U);
+    EXPECT_EQ(readers[0]["card"]["name"], kPivName);
+    EXPECT_EQ(readers[0]["card"]["driverPaths"].size(), 3U);
+    EXPECT_EQ(readers[0]["card"]["installed"], json::array({kOpenSc}));
+    EXPECT_EQ(readers[1], json({{"name", kReader1}, {"cardPresent", false}}));
+}
+
+TEST_F(PcscTier, ModuleAutoLoadsTheDriverOfTheCard)
+{
+    const auto card = insertCard(1, kPivAtr);
+    const auto other = insertCard(0, kBelgianAtr);
+    waitForAtrs(kBelgianAtr, kPivAtr);
+    for (const char* args : {"--module auto --reader 'Virtual PCD 00 01' discover",
+                             "--reader 'Virtual PCD 00 01' discover"}) {
+        const Outcome discover = run(args);
+        EXPECT_EQ(discover.exitCode, 0) << args << discover.err;
+        EXPECT_NE(discover.out.find(std::string("Module   ") + kOpenSc + "\nLibrary  OpenSC Project"),
+                  std::string::npos)
+            << discover.out;
+    }
+}
+
+struct Refusal {
+    const char* atr0; // the cards in the readers ("" for none)
+    const char* atr1;
+    const char* args;
+    const char* says;
+};
+
+class ModuleAutoRefuses : public PcscTier, public ::testing::WithParamInterface<Refusal> { };
+
+TEST_P(ModuleAutoRefuses, WithOneLineSayingWhy)
+{
+    const Refusal& row = GetParam();
+    std::unique_ptr<Child> cards[2];
+    for (int i = 0; i < 2; ++i)
+        if (*(i == 0 ? row.atr0 : row.atr1) != '\0')
+            cards[i] = insertCard(i, i == 0 ? row.atr0 : row.atr1);
+    waitForAtrs(row.atr0, row.atr1);
+    const Outcome outcome = run(std::string("--module auto ") + row.args + " discover");
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(outcome.err, std::string("p11client: ") + row.says + "\n");
+    EXPECT_EQ(outcome.out, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cards, ModuleAutoRefuses,
+    ::testing::Values(
+        Refusal {"", "", "", "no card in any reader"},
+        Refusal {"3B00", "", "", "the card's ATR 3B00 is not in the card database"},
+        Refusal {kBelgianAtr, "", "",
+                 "no driver for the card National Identity Document: Belgian eID is installed (tried "
+                 "/usr/lib/libbeidpkcs11.so)"},
+        Refusal {kPivAtr, kPivAtr, "", "several readers hold a card (Virtual PCD 00 00, Virtual PCD 00 01): name one"},
+        Refusal {kPivAtr, "", "--reader 'Virtual PCD 00 01'", "no card in the reader Virtual PCD 00 01"},
+        Refusal {kPivAtr, "", "--reader 'Virtual PCD 00 07'", "no reader named \"Virtual PCD 00 07\" is connected"}));
+
+TEST_F(PcscTier, WithoutTheServiceBothCommandsSaySo)
+{
+    Service::pcscd.reset();
+    for (const char* args : {"readers", "--module auto discover"}) {
+        const Outcome outcome = run(args);
+        EXPECT_EQ(outcome.exitCode, 1) << args;
+        EXPECT_EQ(outcome.err, "p11client: the PC/SC service is not running (SCARD_E_NO_SERVICE)\n") << args;
+    }
+    Service::start();
+}
+
+} // namespace
