@@ -41,7 +41,7 @@ TestTokens::TestTokens()
         token.certs.push_back(c);
         importCertificate(session(token.slot), c.der, {c.label, c.certId});
         if (c.keyOnToken())
-            importPrivateKey(session(token.slot), c.key.get(), {c.label, c.keyId, c.pairedBy == kBySubject ? subjectDerOf(c.der) : Bytes{}});
+            importPrivateKey(session(token.slot), c.key.get(), {c.label, c.keyId, c.keyOnToken() && std::string_view(c.pairedBy) == kBySubject ? subjectDerOf(c.der) : Bytes{}});
     }
     createObject(session(ec.slot), {{CKA_CLASS, ulongValue(CKO_CERTIFICATE)}, {CKA_CERTIFICATE_TYPE, ulongValue(CKC_X_509)},
                                     {CKA_TOKEN, boolValue(true)}, {CKA_PRIVATE, boolValue(false)}, {CKA_LABEL, textValue("not-der")},
