@@ -19,6 +19,12 @@ constexpr const char* kProxyModules[] = {
     "/usr/lib/p11-kit-proxy.so",
 };
 
+// A global option given twice counts as given once, the last time.
+CLI::Option* lastWins(CLI::Option* option, const char* typeName, const std::string& group)
+{
+    return option->type_name(typeName)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)->group(group);
+}
+
 } // namespace
 
 bool GlobalOptions::hasSlot() const
@@ -37,31 +43,23 @@ void addGlobalOptions(CLI::App& app, CommandContext& context)
 {
     GlobalOptions& o = context.options;
     const std::string group = "Token selection and output";
-    app.add_option("--module", o.modulePath,
-                   "the vendor's PKCS#11 module, or auto for the driver of the card in the reader (default: "
-                   "p11-kit's proxy module, p11-kit-proxy.so)")
-        ->type_name("PATH")
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-        ->group(group);
-    app.add_option("--reader", o.readerName,
-                   "with --module auto, the reader whose card chooses the module, as readers shows it (needed "
-                   "when several readers hold a card)")
-        ->type_name("NAME")
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-        ->group(group);
-    o.slotOption = app.add_option("--slot", o.slotId,
-                                  "the slot ID, as discover shows it (default: the first slot "
-                                  "with an initialized token)")
-                       ->type_name("ID")
-                       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-                       ->check(CLI::Range(0UL, static_cast<unsigned long>(UINT32_MAX)).description(""))
-                       ->group(group);
-    app.add_option("--uri,--token-uri", o.uri,
-                   "a PKCS#11 URI (RFC 7512) naming the token and, for commands that take one, the object: "
-                   "pkcs11:token=LABEL;object=LABEL;id=%01;type=cert")
-        ->type_name("URI")
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-        ->group(group);
+    lastWins(app.add_option("--module", o.modulePath,
+                            "the vendor's PKCS#11 module, or auto for the driver of the card in the reader "
+                            "(default: p11-kit's proxy module, p11-kit-proxy.so)"),
+             "PATH", group);
+    lastWins(app.add_option("--reader", o.readerName,
+                            "with --module auto, the reader whose card chooses the module, as readers shows it "
+                            "(needed when several readers hold a card)"),
+             "NAME", group);
+    o.slotOption = lastWins(app.add_option("--slot", o.slotId,
+                                           "the slot ID, as discover shows it (default: the first slot with an "
+                                           "initialized token)"),
+                            "ID", group)
+                       ->check(CLI::Range(0UL, static_cast<unsigned long>(UINT32_MAX)).description(""));
+    lastWins(app.add_option("--uri,--token-uri", o.uri,
+                            "a PKCS#11 URI (RFC 7512) naming the token and, for commands that take one, the "
+                            "object: pkcs11:token=LABEL;object=LABEL;id=%01;type=cert"),
+             "URI", group);
     app.add_flag("--json", o.json, "write JSON for scripts instead of tables")->group(group);
     app.add_flag("-v,--verbose", o.verbose, "print the library's log of every call on stderr")->group(group);
     context.userPin.addOptions(app, "pin", "PIN sources");
