@@ -1,5 +1,5 @@
 // The readers command and --module auto on real parts: pcscd with vpcd's two
-// virtual readers, and virtual_card.py as the card in them.
+// virtual readers, virtual_card.py as the PIV card in them, and OpenSC.
 #include "ClsCardReaders.h"
 #include "ClsJsonObject.h"
 #include "XString.h"
@@ -142,6 +142,12 @@ public:
         const fs::path dir = fs::temp_directory_path() / ("pcsc_tests." + std::to_string(getpid()));
         Service::dir = dir;
         fs::create_directories(dir / "reader.conf.d");
+        // The card's key pair, and its certificate's public key for openssl.
+        ASSERT_EQ(std::system(("cd " + dir.string() + " && openssl req -x509 -newkey rsa:2048 -noenc -keyout key.pem"
+                               " -outform DER -out cert.der -subj '/CN=Virtual PIV' -days 2 2>/dev/null && openssl"
+                               " x509 -inform DER -in cert.der -pubkey -noout -out pub.pem").c_str()),
+                  0);
+        std::ofstream(dir / "data") << "signed on the card\n";
         Service::port = freePort();
         std::ofstream(dir / "reader.conf.d" / "vpcd") << "FRIENDLYNAME \"Virtual PCD\"\nDEVICENAME /dev/null:0x"
                                                       << std::hex << Service::port << "\nLIBPATH " << kVpcdDriver
@@ -205,7 +211,8 @@ protected:
     static std::unique_ptr<Child> insertCard(int reader, const std::string& atr)
     {
         return std::make_unique<Child>(
-            std::vector<std::string> {"python3", VIRTUAL_CARD_PATH, std::to_string(Service::port + reader), atr},
+            std::vector<std::string> {"python3", VIRTUAL_CARD_PATH, std::to_string(Service::port + reader), atr,
+                                      (Service::dir / "cert.der").string(), (Service::dir / "key.pem").string()},
             Service::dir / ("card" + std::to_string(reader) + ".log"));
     }
     static Outcome run(const std::string& args)
@@ -214,6 +221,17 @@ protected:
         const int status = std::system(
             (std::string(P11CLIENT_CLI_PATH) + " " + args + " >" + out.string() + " 2>" + err.string()).c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : 128, readFile(out), readFile(err)};
+    }
+    // Signs the file data on the card, and checks the signature with openssl.
+    static void expectSignatureVerifies()
+    {
+        const std::string sig = (Service::dir / "sig").string(), data = (Service::dir / "data").string();
+        fs::remove(sig);
+        const Outcome sign = run("--module auto --pin 123456 sign -o " + sig + " " + data);
+        EXPECT_EQ(sign.exitCode, 0) << sign.err;
+        const std::string verify = "openssl dgst -sha256 -verify " + (Service::dir / "pub.pem").string()
+                                   + " -signature " + sig + " " + data + " >/dev/null";
+        EXPECT_EQ(std::system(verify.c_str()), 0) << verify;
     }
 };
 
@@ -254,6 +272,39 @@ TEST_F(PcscTier, ModuleAutoLoadsTheDriverOfTheCard)
                   std::string::npos)
             << discover.out;
     }
+}
+
+TEST_F(PcscTier, OpenScShowsThePivCardsCertificateWithItsKeyAndSigns)
+{
+    const auto card = insertCard(0, kPivAtr);
+    waitForAtrs(kPivAtr, "");
+    for (const char* command : {"certs", "find-cert privateKey"}) {
+        const Outcome found = run(std::string("--module auto --pin 123456 ") + command);
+        EXPECT_EQ(found.exitCode, 0) << command << found.err;
+        EXPECT_NE(found.out.find("subject      CN=Virtual PIV\n"), std::string::npos) << found.out;
+        EXPECT_NE(found.out.find("private key  found on the token"), std::string::npos) << found.out;
+    }
+    expectSignatureVerifies();
+    const Outcome wrongPin = run("--module auto --pin 654321 sign " + (Service::dir / "data").string());
+    EXPECT_EQ(wrongPin.exitCode, 1);
+    EXPECT_NE(wrongPin.err.find("p11client: login as the user failed: the PIN is incorrect\n"), std::string::npos)
+        << wrongPin.err;
+    EXPECT_EQ(wrongPin.out, "");
+}
+
+TEST_F(PcscTier, APulledOutCardIsMissedAndServesAgainWhenPutBack)
+{
+    auto card = insertCard(0, kPivAtr);
+    waitForAtrs(kPivAtr, "");
+    expectSignatureVerifies();
+    card->stop();
+    waitForAtrs("", "");
+    const Outcome missed = run(std::string("--module ") + kOpenSc + " certs");
+    EXPECT_EQ(missed.exitCode, 1);
+    EXPECT_EQ(missed.err, "p11client: no initialized token in any slot\n");
+    card = insertCard(0, kPivAtr);
+    waitForAtrs(kPivAtr, "");
+    expectSignatureVerifies();
 }
 
 struct Refusal {
