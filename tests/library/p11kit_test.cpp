@@ -59,3 +59,39 @@ INSTANTIATE_TEST_SUITE_P(Modules, ModuleReuseTest, ::testing::Combine(::testing:
                              std::erase(name, '-');
                              return name;
                          });
+
+// What an application does with a token, through each module: the
+// certificates, each paired with its key, and signatures that verify.
+class ModuleTokenTest : public TokenTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(ModuleTokenTest, CertificatesPairWithTheirKeysAndTheirSignaturesVerify)
+{
+    p11 = newObject(pathOf(GetParam()));
+    ASSERT_TRUE(p11->Discover(true, json)) << logText();
+    int slot = 0; // the module's own number for the main token's slot
+    for (int i = 0; i < json.SizeOfArray(XString("slots")); ++i)
+        if (text("slots[" + std::to_string(i) + "].token.label") == tokens.main.label)
+            slot = static_cast<int>(std::stoul(text("slots[" + std::to_string(i) + "].id")));
+    ASSERT_TRUE(p11->OpenSession(slot, false) && p11->Login(ClsPkcs11::kUserTypeUser, XString(SoftHsmToken::kUserPin)) && p11->FindAllCerts())
+        << logText();
+    int signedFor = 0;
+    for (const auto& certificate : cachedCerts()) {
+        const TokenCert& c = *tokens.main.byDer(derOf(*certificate));
+        ClsCert cert;
+        DataBuffer signature;
+        if (!c.keyOnToken())
+            continue;
+        // The handles are the server's: the signature is the proof of the pairing.
+        ASSERT_TRUE(p11->linkCertToPkcs11Session(certificate.get(), false, p11->m_log) && cert.injectCert(certificate, p11->m_log) && p11->SignData(cert, XString("sha256"), bufferOf(textValue(c.label)), signature))
+            << c.label << "\n" << logText();
+        EXPECT_TRUE(verifiesDigest(c.der, "sha256", digestOf("sha256", c.label), verifiable(signature, c.ec()))) << c.label;
+        ++signedFor;
+    }
+    EXPECT_EQ(signedFor, 7) << "every certificate of the main token whose key is there";
+}
+
+INSTANTIATE_TEST_SUITE_P(Modules, ModuleTokenTest, ::testing::ValuesIn(kModules), [](const auto& row) {
+    std::string name = row.param;
+    std::erase(name, '-');
+    return name;
+});
