@@ -4,8 +4,6 @@
 #include "SoftHsmToken.h"
 
 #include <openssl/core_names.h>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
 
 namespace p11fuzz {
 
@@ -28,10 +26,7 @@ const FuzzToken& fuzzToken(std::size_t keys, std::size_t certs) {
         if (p.rsa) {
             p.modulus = keyNumber(p.key.get(), OSSL_PKEY_PARAM_RSA_N);
         } else { // the uncompressed point, as the certificate holds it
-            unsigned char* point = nullptr;
-            const std::size_t size = EVP_PKEY_get1_encoded_public_key(p.key.get(), &point);
-            p.point.assign(point, point + size), OPENSSL_free(point);
-            p.curve = curveOidDer(p.key.get());
+            p.point = ecPointValue(p.key.get(), false), p.curve = curveOidDer(p.key.get());
         }
         const Bytes id{static_cast<std::uint8_t>(i + 1)};
         importPrivateKey(session, p.key.get(), {"fuzz", id, p.subject});

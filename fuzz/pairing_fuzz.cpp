@@ -38,13 +38,6 @@ static Value choose(FuzzedDataProvider& in, const Bytes& real, const Bytes& vari
     }
 }
 
-// An OCTET STRING around the point, the form most tokens give CKA_EC_POINT in.
-static Bytes octetString(Bytes content) {
-    content.insert(content.begin(), {0x04, 0x81, static_cast<std::uint8_t>(content.size())});
-    if (content[2] < 0x80) content.erase(content.begin() + 1);
-    return content;
-}
-
 // The objects' handles as they are now (SoftHSM2 numbers them anew as logins
 // come and go), found past the shim by their true class and CKA_ID.
 static std::vector<CK_OBJECT_HANDLE> handles(CK_OBJECT_CLASS cls, std::size_t n) {
@@ -87,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Bytes withZero = m.modulus;
         withZero.insert(withZero.begin(), 0x00);
         set(CKA_MODULUS, rsa ? choose(in, m.modulus, withZero) : Value{});
-        set(CKA_EC_POINT, rsa ? Value{} : choose(in, octetString(m.point), m.point));
+        set(CKA_EC_POINT, rsa ? Value{} : choose(in, p11test::ecPointValue(m.key.get()), m.point)); // DER-wrapped or raw
         set(CKA_EC_PARAMS, rsa ? Value{} : choose(in, m.curve, Bytes{0x06, 0x00}));
         const int sign = in.ConsumeIntegralInRange(0, 2);
         set(CKA_SIGN, sign == 2 ? Value{} : Bytes{static_cast<std::uint8_t>(sign)});

@@ -56,27 +56,32 @@ inline void mustRun(const std::string& command)
 // For the shell: no argument of these tests holds a quote.
 inline std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
-// p11client with --module SoftHSM2 on the token store in `dir`, stdin read
-// from `input`; the environment is this process's minus every P11CLIENT_*
-// variable, plus the non-empty entries of `env`.
-inline Outcome runCli(const std::string& dir, const std::vector<std::string>& args, const Env& env = {},
-                      const std::string& input = {})
+// p11client with the arguments `args` (as the shell reads them), stdin read
+// from `input`, its output through files in `dir`; the environment is this
+// process's minus every P11CLIENT_* variable, plus the non-empty entries of `env`.
+inline Outcome runTool(const std::string& dir, const std::string& args, const Env& env = {}, const std::string& input = {})
 {
     std::string command;
     for (char** e = environ; *e != nullptr; ++e)
         if (std::string(*e).starts_with("P11CLIENT_"))
             command += "unset " + std::string(*e).substr(0, std::string(*e).find('=')) + "; ";
-    command += "SOFTHSM2_CONF=" + quoted(dir + "/softhsm2.conf");
     for (const auto& [name, value] : env)
-        command += value.empty() ? "" : " " + name + "=" + quoted(value);
-    command += " " + quoted(P11CLIENT_CLI_PATH) + " --module " + quoted(SoftHsmToken::modulePath());
-    for (const std::string& arg : args)
-        command += " " + quoted(arg);
+        command += value.empty() ? "" : name + "=" + quoted(value) + " ";
     const std::string io = dir + "/io.";
     writeFile(io + "in", input);
-    const int status = std::system((command + " <" + io + "in >" + io + "out 2>" + io + "err").c_str());
+    const int status = std::system((command + quoted(P11CLIENT_CLI_PATH) + " " + args + " <" + io + "in >" + io + "out 2>" + io + "err").c_str());
     const int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return {exitCode, readFile(io + "out"), readFile(io + "err")};
+}
+
+// p11client with --module SoftHSM2 on the token store in `dir`.
+inline Outcome runCli(const std::string& dir, const std::vector<std::string>& args, Env env = {}, const std::string& input = {})
+{
+    std::string line = "--module " + quoted(SoftHsmToken::modulePath());
+    for (const std::string& arg : args)
+        line += " " + quoted(arg);
+    env.emplace("SOFTHSM2_CONF", dir + "/softhsm2.conf");
+    return runTool(dir, line, env, input);
 }
 
 // The slot ID (as discover shows it) of the store's slot whose token is not initialized.

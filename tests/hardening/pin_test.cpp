@@ -1,7 +1,8 @@
 // PIN hygiene: a canary PIN taken through every path never shows in a log
 // or a JSON report (as text, hex or base64), and no block of the C++ heap
-// freed meanwhile holds it; a PIN the token refused is not offered again; a
-// PIN locked or on its last try is said before the token is asked.
+// freed meanwhile holds it; a PIN the token refused is not offered again
+// (a context-specific one: tests/library/signing_test.cpp); a PIN locked or
+// on its last try is said before the token is asked.
 //
 // This program replaces the global operator new and delete: while armed,
 // every block the C++ heap gets back is searched for the canaries before it
@@ -78,19 +79,6 @@ protected:
         return static_cast<int>(std::ranges::count_if(shim::calls(), [&](const shim::Call& c) { return c.function == "C_Login" && c.userType == type; }));
     }
 };
-
-TEST_F(PinTest, APinTheTokenRefusedIsNotOfferedAgainAtTheNextSignature) {
-    ASSERT_TRUE(p11->QuickSession(1, XString(T::kCanaryUser)));
-    ASSERT_TRUE(p11->Login(2, XString(T::kCanaryNew))); // kept for signing; not the user PIN
-    EXPECT_FALSE(signOnce(*p11));
-    EXPECT_TRUE(hasInfo(*p11, "The context-specific PIN was refused; it is forgotten and not tried again."));
-    XString kept;
-    p11->get_SigContextPin(kept);
-    EXPECT_TRUE(kept.isEmpty());
-    EXPECT_FALSE(signOnce(*p11));
-    EXPECT_TRUE(hasError(*p11, "The key needs the PIN at each signature: set SigContextPin or call Login with user type 2."));
-    EXPECT_EQ(loginsOf(CKU_CONTEXT_SPECIFIC), 1) << "the refused PIN was offered again";
-}
 
 TEST_F(PinTest, EveryPublicLoginTriesAPinOnceOnlyAndAnUnremarkableTokenGetsNoWarning) {
     ASSERT_TRUE(p11->Initialize() && p11->OpenSession(-1, true));

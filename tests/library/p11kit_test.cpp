@@ -3,8 +3,10 @@
 // server this test starts, as a token on another machine is reached). Both
 // p11-kit modules hand out a new, uninitialized function list at every
 // C_GetFunctionList.
-#include "P11KitServer.h"
+#include "ChildProcess.h"
 #include "TestTokens.h"
+
+#include <filesystem>
 
 using namespace p11test;
 
@@ -33,8 +35,13 @@ const char* const kModules[] = {"softhsm2", "p11-kit-client", "p11-kit-proxy"};
 
 std::string pathOf(const std::string& module)
 {
-    if (module == "p11-kit-client") {
-        static P11KitServer server(SoftHsmToken::modulePath());
+    if (module == "p11-kit-client") { // reaches SoftHSM2 through `p11-kit server` on a socket of its own
+        static const std::string socket = TestTokens::get().store.directory() + "/p11-kit.socket";
+        static const ChildProcess server("p11-kit server --foreground --name " + socket + " --provider " + SoftHsmToken::modulePath()
+                                         + " pkcs11: >/dev/null");
+        for (int i = 0; i < 500 && server.running() && !std::filesystem::exists(socket); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        setenv("P11_KIT_SERVER_ADDRESS", ("unix:path=" + socket).c_str(), 1);
         return P11KIT_MODULE_DIR "/p11-kit-client.so";
     }
     return module == "p11-kit-proxy" ? P11KIT_PROXY_MODULE : shim::modulePath();

@@ -57,7 +57,13 @@ TEST_F(SigningTest, AKeyThatInsistsOnTheContextLoginGetsIt)
                 && shim::callCount("C_SignInit") == 0);
     ASSERT_TRUE(p11->Login(2, XString("0000")));
     EXPECT_FALSE(p11->SignHash(eid, XString("sha256"), digest, signature));
-    EXPECT_TRUE(hasError(*p11, "C_Login returned CKR_PIN_INCORRECT") && hasError(*p11, "The context-specific login failed."));
+    EXPECT_TRUE(hasError(*p11, "C_Login returned CKR_PIN_INCORRECT") && hasError(*p11, "The context-specific login failed.")
+                && hasInfo(*p11, "The context-specific PIN was refused; it is forgotten and not tried again."));
+    XString kept;
+    p11->get_SigContextPin(kept);
+    EXPECT_TRUE(kept.isEmpty() && !p11->SignHash(eid, XString("sha256"), digest, signature));
+    EXPECT_TRUE(hasError(*p11, "The key needs the PIN at each signature: set SigContextPin or call Login with user type 2.")
+                && shim::callCount("C_Login") == 1) << "the refused PIN was offered again";
 
     p11->put_SigContextPin(XString(SoftHsmToken::kUserPin));
     shim::clearCalls();
@@ -75,7 +81,6 @@ TEST_F(SigningTest, AKeyThatInsistsOnTheContextLoginGetsIt)
         if (otherModule)
             p11->put_SharedLibPath(XString(shim::modulePath(shim::Image::workerThread).c_str()));
         EXPECT_TRUE(otherModule ? p11->Discover(false, json) : p11->OpenSession(tokens.main.slotNumber(), false));
-        XString kept;
         p11->get_SigContextPin(kept);
         EXPECT_TRUE(kept.isEmpty() && hasInfo(*p11, line)) << line;
     }

@@ -2,33 +2,26 @@
 // virtual readers, virtual_card.py as the PIV card in them, and OpenSC.
 #include "ClsCardReaders.h"
 #include "ClsJsonObject.h"
+#include "ChildProcess.h"
+#include "CliHarness.h"
 #include "XString.h"
 
 #include <netinet/in.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using p11test::ChildProcess, p11test::Outcome, p11test::readFile;
 
 constexpr const char* kServiceSocket = "/run/pcscd/pcscd.comm";
 constexpr const char* kVpcdDriver = "/usr/lib/pcsc/drivers/serial/libifdvpcd.so";
@@ -38,44 +31,6 @@ constexpr const char* kPivName = "USG:Executive Office of the President";
 constexpr const char* kBelgianAtr = "3B9813400AA503010101AD1311"; // its driver is not installed here
 constexpr const char* kReader0 = "Virtual PCD 00 00";
 constexpr const char* kReader1 = "Virtual PCD 00 01";
-
-// A child process, ended (SIGTERM, then SIGKILL) when the object goes.
-class Child {
-public:
-    Child(std::vector<std::string> args, const fs::path& output)
-    {
-        m_pid = fork();
-        if (m_pid != 0)
-            return;
-        if (std::freopen(output.c_str(), "w", stdout) == nullptr
-            || std::freopen(output.c_str(), "a", stderr) == nullptr)
-            _exit(127);
-        std::vector<char*> argv;
-        for (std::string& arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    ~Child() { stop(); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    void stop()
-    {
-        if (m_pid <= 0)
-            return;
-        kill(m_pid, SIGTERM);
-        for (int i = 0; i < 50 && waitpid(m_pid, nullptr, WNOHANG) == 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        if (kill(m_pid, SIGKILL) == 0)
-            waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-    }
-
-private:
-    pid_t m_pid = -1;
-};
 
 bool serviceAnswers()
 {
@@ -102,35 +57,19 @@ int freePort()
     return ntohs(address.sin_port);
 }
 
-struct Outcome {
-    int exitCode = -1;
-    std::string out, err;
-};
-
-std::string readFile(const fs::path& path)
-{
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 // The machine's PC/SC service, started by this binary with a reader
 // configuration of its own; every test is skipped when another one runs.
-struct Service {
+class Service : public ::testing::Environment {
+public:
     static inline std::string skipReason;
     static inline fs::path dir;
     static inline int port = 0;
-    static inline std::unique_ptr<Child> pcscd;
+    static inline std::unique_ptr<ChildProcess> pcscd;
 
     static void start()
     {
-        pcscd = std::make_unique<Child>(
-            std::vector<std::string> {"pcscd", "-f", "-c", (dir / "reader.conf.d").string()}, dir / "pcscd.log");
+        pcscd = std::make_unique<ChildProcess>("pcscd -f -c " + (dir / "reader.conf.d").string() + " >" + (dir / "pcscd.log").string() + " 2>&1");
     }
-};
-
-class ServiceEnvironment : public ::testing::Environment {
-public:
     void SetUp() override
     {
         if (serviceAnswers())
@@ -139,8 +78,7 @@ public:
             Service::skipReason = "pcscd, vsmartcard-vpcd or opensc is not installed (scripts/install-deps.sh)";
         if (!Service::skipReason.empty())
             return;
-        const fs::path dir = fs::temp_directory_path() / ("pcsc_tests." + std::to_string(getpid()));
-        Service::dir = dir;
+        dir = fs::temp_directory_path() / ("pcsc_tests." + std::to_string(getpid()));
         fs::create_directories(dir / "reader.conf.d");
         // The card's key pair, and its certificate's public key for openssl.
         ASSERT_EQ(std::system(("cd " + dir.string() + " && openssl req -x509 -newkey rsa:2048 -noenc -keyout key.pem"
@@ -165,7 +103,7 @@ public:
     }
 };
 
-const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new ServiceEnvironment);
+const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new Service);
 
 class PcscTier : public ::testing::Test {
 protected:
@@ -173,11 +111,8 @@ protected:
     {
         if (!Service::skipReason.empty())
             GTEST_SKIP() << Service::skipReason;
-        for (int i = 0; i < 100 && readerNames().size() < 2; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        ASSERT_EQ(readerNames(), (std::vector<std::string> {kReader0, kReader1}))
-            << readFile(Service::dir / "pcscd.log");
-        // A card put in before the last one is seen gone would keep its ATR.
+        // Both readers there, and empty: a card put in before the last one is
+        // seen gone would keep its ATR.
         waitForAtrs("", "");
     }
 
@@ -190,13 +125,6 @@ protected:
             return json::object();
         return json::parse(text.getUtf8());
     }
-    static std::vector<std::string> readerNames()
-    {
-        std::vector<std::string> names;
-        for (const json& reader : listReaders().value("readers", json::array()))
-            names.push_back(reader["name"]);
-        return names;
-    }
     // Waits until the readers hold cards with these ATRs ("" for none).
     static void waitForAtrs(const std::string& atr0, const std::string& atr1)
     {
@@ -206,22 +134,16 @@ protected:
                 return;
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
-        FAIL() << "the readers never showed the cards " << atr0 << " / " << atr1;
+        FAIL() << "the readers never showed the cards " << atr0 << " / " << atr1 << "\n"
+               << readFile(Service::dir / "pcscd.log");
     }
-    static std::unique_ptr<Child> insertCard(int reader, const std::string& atr)
+    static std::unique_ptr<ChildProcess> insertCard(int reader, const std::string& atr)
     {
-        return std::make_unique<Child>(
-            std::vector<std::string> {"python3", VIRTUAL_CARD_PATH, std::to_string(Service::port + reader), atr,
-                                      (Service::dir / "cert.der").string(), (Service::dir / "key.pem").string()},
-            Service::dir / ("card" + std::to_string(reader) + ".log"));
+        const std::string n = std::to_string(reader), dir = Service::dir.string() + "/";
+        return std::make_unique<ChildProcess>("python3 " VIRTUAL_CARD_PATH " " + std::to_string(Service::port + reader) + " " + atr + " "
+                                              + dir + "cert.der " + dir + "key.pem >" + dir + "card" + n + ".log 2>&1");
     }
-    static Outcome run(const std::string& args)
-    {
-        const fs::path out = Service::dir / "out", err = Service::dir / "err";
-        const int status = std::system(
-            (std::string(P11CLIENT_CLI_PATH) + " " + args + " >" + out.string() + " 2>" + err.string()).c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128, readFile(out), readFile(err)};
-    }
+    static Outcome run(const std::string& args) { return p11test::runTool(Service::dir, args); }
     // Signs the file data on the card, and checks the signature with openssl.
     static void expectSignatureVerifies()
     {
@@ -274,9 +196,10 @@ TEST_F(PcscTier, ModuleAutoLoadsTheDriverOfTheCard)
     }
 }
 
-TEST_F(PcscTier, OpenScShowsThePivCardsCertificateWithItsKeyAndSigns)
+// A card pulled out is missed, and serves again when put back.
+TEST_F(PcscTier, OpenScShowsThePivCardsCertificateWithItsKeySignsAndServesAgainOnceReinserted)
 {
-    const auto card = insertCard(0, kPivAtr);
+    auto card = insertCard(0, kPivAtr);
     waitForAtrs(kPivAtr, "");
     for (const char* command : {"certs", "find-cert privateKey"}) {
         const Outcome found = run(std::string("--module auto --pin 123456 ") + command);
@@ -290,13 +213,6 @@ TEST_F(PcscTier, OpenScShowsThePivCardsCertificateWithItsKeyAndSigns)
     EXPECT_NE(wrongPin.err.find("p11client: login as the user failed: the PIN is incorrect\n"), std::string::npos)
         << wrongPin.err;
     EXPECT_EQ(wrongPin.out, "");
-}
-
-TEST_F(PcscTier, APulledOutCardIsMissedAndServesAgainWhenPutBack)
-{
-    auto card = insertCard(0, kPivAtr);
-    waitForAtrs(kPivAtr, "");
-    expectSignatureVerifies();
     card->stop();
     waitForAtrs("", "");
     const Outcome missed = run(std::string("--module ") + kOpenSc + " certs");
@@ -319,7 +235,7 @@ class ModuleAutoRefuses : public PcscTier, public ::testing::WithParamInterface<
 TEST_P(ModuleAutoRefuses, WithOneLineSayingWhy)
 {
     const Refusal& row = GetParam();
-    std::unique_ptr<Child> cards[2];
+    std::unique_ptr<ChildProcess> cards[2];
     for (int i = 0; i < 2; ++i)
         if (*(i == 0 ? row.atr0 : row.atr1) != '\0')
             cards[i] = insertCard(i, i == 0 ? row.atr0 : row.atr1);

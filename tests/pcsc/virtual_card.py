@@ -5,8 +5,8 @@ machine and answers with the ATR given, as a card that holds the certificate
 used only after the PIN 123456 is verified. Every exchange is logged on stdout.
 
 usage: virtual_card.py PORT ATR_HEX CERT_DER KEY_PEM"""
-import base64
 import socket
+import subprocess
 import sys
 import time
 
@@ -49,21 +49,11 @@ def elements(data):
         i += size
 
 
-def rsa_key(path):
-    """n and d of an RSA key in PEM, PKCS#1 or PKCS#8."""
-    with open(path) as pem:
-        der = base64.b64decode("".join(line for line in pem if not line.startswith("-----")))
-    fields = list(elements(next(elements(der))[1]))
-    if fields[1][0] == 0x30:  # PKCS#8: the PKCS#1 key is in its octet string
-        fields = list(elements(next(elements(fields[2][1]))[1]))
-    return int.from_bytes(fields[1][1], "big"), int.from_bytes(fields[3][1], "big")
-
-
 class Piv:
     def __init__(self, cert_path, key_path):
         with open(cert_path, "rb") as cert:
             certificate = cert.read()
-        self.n, self.d = rsa_key(key_path)
+        self.key_path = key_path
         self.tries = TRIES
         self.objects = {
             b"\x5f\xc1\x02": tlv(0x53, tlv(0x30, bytes.fromhex("D4E739DA739CED39CE739D836858210842108421C84210C3EB"))
@@ -114,7 +104,9 @@ class Piv:
             template = dict(elements(next(elements(data))[1]))
             if p1 != 0x07 or len(template.get(0x81, b"")) != 256:
                 return b"\x6a\x80"
-            signed = pow(int.from_bytes(template[0x81], "big"), self.d, self.n).to_bytes(256, "big")
+            # The raw private-key operation: the host sent the padded block.
+            signed = subprocess.run(["openssl", "pkeyutl", "-decrypt", "-inkey", self.key_path, "-pkeyopt",
+                                     "rsa_padding_mode:none"], input=template[0x81], capture_output=True).stdout
             return tlv(0x7C, tlv(0x82, signed)) + OK
         return b"\x6d\x00"
 

@@ -61,8 +61,6 @@ struct State {
     std::map<std::string, int> forks;
     CK_FLAGS tokenSet = 0, tokenClear = 0, slotSet = 0, slotClear = 0;
     std::set<CK_SLOT_ID> removed;
-    std::map<CK_SLOT_ID, CK_RV> refused;
-    std::map<CK_SLOT_ID, bool> emptySlots;  // ours, in the order made: whether listed in front
     std::map<CK_SLOT_ID, CK_SLOT_ID> aliases;  // ours -> SoftHSM2's
     std::map<std::pair<CK_OBJECT_HANDLE, CK_ATTRIBUTE_TYPE>, std::optional<std::vector<uint8_t>>> overrides;
     std::vector<uint8_t> stream;
@@ -73,7 +71,7 @@ struct State {
 
     ImageState& image(Image i) { return images[static_cast<int>(i)]; }
     bool anyLive() const { return std::any_of(std::begin(images), std::end(images), [](auto& i) { return i.live(); }); }
-    bool tokenGone(CK_SLOT_ID slot) const { return emptySlots.count(slot) + removed.count(slot) > 0; }
+    bool tokenGone(CK_SLOT_ID slot) const { return removed.count(slot) > 0; }
     void forget(CK_SESSION_HANDLE session) { sessions.erase(session), finds.erase(session); }
 };
 
@@ -417,8 +415,8 @@ CK_RV C_GetInfo(Call& c, CK_INFO_PTR info) {
 }
 
 // SoftHSM2's slots (a token store of a test has a few) as a test rewrote them:
-// without the removed tokens in the list of slots with a token, with the empty
-// slots of our own in the list of all slots.
+// without the removed tokens in the list of slots with a token, with the
+// aliases after them.
 CK_RV C_GetSlotList(Call& c, CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULONG_PTR count) {
     const CK_ULONG room = count ? *count : 0;
     CK_ULONG truth = 0;
@@ -432,9 +430,6 @@ CK_RV C_GetSlotList(Call& c, CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULON
             std::erase_if(ids, [&](CK_SLOT_ID id) { return tokenPresent && s.removed.count(id) > 0; });
             for (const auto& [alias, slot] : s.aliases)
                 if (std::ranges::count(ids, slot) > 0) ids.push_back(alias);
-            std::ptrdiff_t front = 0;
-            for (const auto& [id, inFront] : s.emptySlots)  // they hold no token
-                if (!tokenPresent) ids.insert(inFront ? ids.begin() + front++ : ids.end(), id);
         });
         truth = *count = ids.size();
         return list == nullptr ? CKR_OK : room < truth ? CKR_BUFFER_TOO_SMALL : (std::ranges::copy(ids, list), CKR_OK);
@@ -460,13 +455,7 @@ CK_RV C_GetSlotList(Call& c, CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULON
 
 CK_RV C_GetSlotInfo(Call& c, CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) {
     return answerInfo(c, info, [&]() -> CK_RV {
-        const bool ours = locked([&](State& s) { return s.emptySlots.count(slot) > 0; });
-        if (ours && info != nullptr) {
-            *info = CK_SLOT_INFO{{}, {}, CKF_REMOVABLE_DEVICE | CKF_HW_SLOT, {}, {}};
-            padText(info->slotDescription, sizeof info->slotDescription, "Shim Slot");
-            padText(info->manufacturerID, sizeof info->manufacturerID, "Shim");
-        }
-        const CK_RV rv = ours ? (info ? CKR_OK : CKR_ARGUMENTS_BAD) : target().C_GetSlotInfo(slot, info);
+        const CK_RV rv = target().C_GetSlotInfo(slot, info);
         if (rv == CKR_OK) locked([&](State& s) {
             if (s.removed.count(slot) > 0) info->flags &= ~CKF_TOKEN_PRESENT;
             info->flags = (info->flags | s.slotSet) & ~s.slotClear;
@@ -487,11 +476,8 @@ CK_RV C_GetTokenInfo(Call& c, CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
 CK_RV C_OpenSession(Call& c, CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR app, CK_NOTIFY notify,
                     CK_SESSION_HANDLE_PTR ph) {
     auto honest = [&]() -> CK_RV {
-        const CK_RV refusal = locked([&](State& s) -> CK_RV {
-            const auto it = s.refused.find(slot);
-            return it != s.refused.end() ? it->second : s.tokenGone(slot) ? CKR_TOKEN_NOT_PRESENT : CKR_OK;
-        });
-        const CK_RV rv = refusal != CKR_OK ? refusal : target().C_OpenSession(slot, flags, app, notify, ph);
+        const bool gone = locked([&](State& s) { return s.tokenGone(slot); });
+        const CK_RV rv = gone ? CKR_TOKEN_NOT_PRESENT : target().C_OpenSession(slot, flags, app, notify, ph);
         if (rv == CKR_OK) locked([&](State& s) { s.sessions[c.session = *ph] = {slot, c.image}; });
         return rv;
     };
@@ -677,14 +663,6 @@ void forkInside(const std::string& f, int times) { locked([&](State& s) { s.fork
 void rewriteTokenFlags(CK_FLAGS on, CK_FLAGS off) { locked([&](State& s) { s.tokenSet = on, s.tokenClear = off; }); }
 void rewriteSlotFlags(CK_FLAGS on, CK_FLAGS off) { locked([&](State& s) { s.slotSet = on, s.slotClear = off; }); }
 void removeToken(CK_SLOT_ID slot) { locked([&](State& s) { s.removed.insert(slot); }); }
-void refuseOpenSession(CK_SLOT_ID slot, CK_RV rv) { locked([&](State& s) { s.refused[slot] = rv; }); }
-std::vector<CK_SLOT_ID> addEmptySlots(int count, bool front) {
-    return locked([&](State& s) {
-        std::vector<CK_SLOT_ID> ids;
-        while (count-- > 0) ids.push_back(s.emptySlots.emplace(0x5100 + s.emptySlots.size(), front).first->first);
-        return ids;
-    });
-}
 void aliasSlot(CK_SLOT_ID alias, CK_SLOT_ID slot) { locked([&](State& s) { s.aliases[alias] = slot; }); }
 void overrideAttribute(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, std::optional<std::vector<uint8_t>> value) {
     locked([&](State& s) { s.overrides[{object, type}] = std::move(value); });
@@ -705,15 +683,12 @@ CK_FLAGS lastInitializeFlags(Image image) { return ofImage(image, &ImageState::l
 size_t openSessionCount() { return locked([](State& s) { return s.sessions.size(); }); }
 size_t activeFindOperations() { return locked([](State& s) { return s.finds.size(); }); }
 long overlappingCalls(Image image) { return state().image(image).overlaps; }
-bool workerRunning() {
-    return locked([](State& s) { return s.image(Image::workerThread).worker && s.image(Image::workerThread).live(); });
-}
 
 void reset() {
     locked([](State& s) {
         s.rules.clear(), s.actions.clear(), s.forks.clear(), s.calls.clear();
         s.tokenSet = s.tokenClear = s.slotSet = s.slotClear = 0;
-        s.removed.clear(), s.refused.clear(), s.emptySlots.clear(), s.aliases.clear(), s.overrides.clear();
+        s.removed.clear(), s.aliases.clear(), s.overrides.clear();
         s.stream.clear(), s.streamPos = 0;
         for (ImageState& img : s.images) img.initializeCount = img.finalizeCount = 0, img.overlaps = 0;
     });

@@ -111,13 +111,6 @@ SHIM_API void rewriteSlotFlags(CK_FLAGS set, CK_FLAGS clear = 0);
 // C_GetSlotList(CK_TRUE), C_GetTokenInfo and C_OpenSession answer
 // CKR_TOKEN_NOT_PRESENT.
 SHIM_API void removeToken(CK_SLOT_ID slot);
-// C_OpenSession on this slot answers rv without forwarding.
-SHIM_API void refuseOpenSession(CK_SLOT_ID slot, CK_RV rv);
-// Empty slots that SoftHSM2 does not have, listed by C_GetSlotList(CK_FALSE)
-// only, before (front) or after its own; their IDs are 0x5100, 0x5101, ...
-// C_GetSlotInfo describes them ("Shim Slot"), C_GetTokenInfo and
-// C_OpenSession answer CKR_TOKEN_NOT_PRESENT.
-SHIM_API std::vector<CK_SLOT_ID> addEmptySlots(int count, bool front = false);
 // A second ID for a slot of SoftHSM2, as a module whose slot IDs use all 64
 // bits has: listed after SoftHSM2's own slots (among those with a token while
 // `slot` has one), every call naming it goes to `slot` (recorded as `alias`).
@@ -165,9 +158,8 @@ SHIM_API size_t openSessionCount();
 SHIM_API size_t activeFindOperations();
 // Moments at which a call entered an image while another call was inside it.
 SHIM_API long overlappingCalls(Image image);
-SHIM_API bool workerRunning();
 
-// Back to honest forwarding: no rules, rewrites, extra slots, overrides or
+// Back to honest forwarding: no rules, rewrites, aliases, overrides or
 // stream; record and counters emptied. SoftHSM2's own state is not touched.
 SHIM_API void reset();
 

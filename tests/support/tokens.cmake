@@ -3,7 +3,7 @@
 include_guard(GLOBAL)
 
 add_library(p11test_tokens STATIC)
-target_sources(p11test_tokens PRIVATE ${CMAKE_CURRENT_LIST_DIR}/P11KitServer.cpp ${CMAKE_CURRENT_LIST_DIR}/SoftHsmObjects.cpp ${CMAKE_CURRENT_LIST_DIR}/SoftHsmToken.cpp
+target_sources(p11test_tokens PRIVATE ${CMAKE_CURRENT_LIST_DIR}/SoftHsmObjects.cpp ${CMAKE_CURRENT_LIST_DIR}/SoftHsmToken.cpp
   ${CMAKE_CURRENT_LIST_DIR}/TestCertFactory.cpp ${CMAKE_CURRENT_LIST_DIR}/TokenSignature.cpp)
 p11client_strict(p11test_tokens)
 target_include_directories(p11test_tokens PUBLIC ${CMAKE_CURRENT_LIST_DIR})
