@@ -2,6 +2,8 @@
 // that the Cryptoki call layer uses.
 #include "ClsPkcs11.h"
 
+#include "CkNames.h"
+
 #include <memory>
 
 namespace p11client {
@@ -84,6 +86,11 @@ bool ClsPkcs11::noFuncs(LogBase& log)
     log.LogError("PKCS11 functions not available");
     log.LogDataX("sharedLibPath", m_loadedLibPath);
     return false;
+}
+
+bool ClsPkcs11::checkRv(const char* function, unsigned long rv, LogBase& log, bool quiet)
+{
+    return reportCall(function, rv, log, quiet);
 }
 
 bool ClsPkcs11::noSession(LogBase& log)
