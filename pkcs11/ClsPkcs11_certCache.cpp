@@ -192,7 +192,7 @@ bool ClsPkcs11::findAllCerts(LogBase& log)
     AttributeReader reader(kCertAttributes);
     for (unsigned long handle : handles) {
         if (!reader.read(m_dlHandle.functions(), m_hSession, handle, log)) {
-            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
+            reportCall("C_GetAttributeValue", reader.lastRv(), log, true);
             continue;
         }
         const AttributeValue* value = reader.find(CKA_VALUE);

@@ -76,7 +76,7 @@ bool ClsPkcs11::fillKeyCache(unsigned long keyType, const std::vector<CK_ATTRIBU
         if (reader.read(m_dlHandle.functions(), m_hSession, handle, log))
             cache.appendObject(keyRecord(handle, reader));
         else
-            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
+            reportCall("C_GetAttributeValue", reader.lastRv(), log, true);
     }
     return true;
 }

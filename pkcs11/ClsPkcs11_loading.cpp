@@ -123,9 +123,11 @@ void ClsPkcs11::checkSetSpecial(LogBase& log)
 // emptied, logged out, session closed, the module finalized when this object
 // was its last user, then dlclose. In a child process made by fork() the
 // session and the initialization are the parent's: they are forgotten
-// without a call into the module.
+// first, so nothing here calls into the module.
 void ClsPkcs11::unloadModule(LogBase& log)
 {
+    if (m_dlHandle.forkedSinceOpen())
+        forgetParentProcessState();
     clearTokenCaches(log);
     unlinkRememberedCerts();
     endSessionQuietly(log);
@@ -150,7 +152,7 @@ bool ClsPkcs11::getPkcs11Functions(LogBase& log)
     if (getFunctionList == nullptr)
         return noFunc("C_GetFunctionList", log);
     CK_FUNCTION_LIST* functions = nullptr;
-    if (!checkRv("C_GetFunctionList", getFunctionList(&functions), log))
+    if (!reportCall("C_GetFunctionList", getFunctionList(&functions), log))
         return false;
     if (functions == nullptr)
         return noFuncs(log);
@@ -175,7 +177,7 @@ bool ClsPkcs11::pkcs11_initialize(LogBase& log)
         log.LogError("Too many libraries that cannot use the operating system's locks are in use at once.");
         return false;
     }
-    if (!checkRv("C_Initialize", outcome.rv, log))
+    if (!reportCall("C_Initialize", outcome.rv, log))
         return false;
     logHowItIsShared(outcome, log);
     m_dlHandle.setFunctions(outcome.module);
@@ -184,14 +186,12 @@ bool ClsPkcs11::pkcs11_initialize(LogBase& log)
     return true;
 }
 
-// In a child process the parent's initialization is not ours to end.
+// C_Finalize only when this object was the module's last user.
 void ClsPkcs11::finalizeQuietly(LogBase& log)
 {
     if (!m_initialized)
         return;
     m_initialized = false;
-    if (m_dlHandle.forkedSinceOpen())
-        return;
     if (ModuleInitRegistry::release(m_dlHandle.image()))
         log.LogVerbose("C_Finalize called.");
 }

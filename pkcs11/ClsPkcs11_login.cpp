@@ -25,15 +25,6 @@ bool pinRefused(CK_RV rv)
         || rv == CKR_PIN_LOCKED;
 }
 
-// The token's flags, when the module tells them.
-std::optional<CK_FLAGS> tokenFlags(CK_FUNCTION_LIST* f, CK_SLOT_ID slotId)
-{
-    CK_TOKEN_INFO info{};
-    if (f == nullptr || f->C_GetTokenInfo == nullptr || f->C_GetTokenInfo(slotId, &info) != CKR_OK)
-        return std::nullopt;
-    return info.flags;
-}
-
 // Before a login: a PIN the token has locked, or one wrong try away from
 // locking, is worth saying before the token is asked.
 void warnAboutPinState(CK_FLAGS flags, CK_USER_TYPE userType, LogBase& log)
@@ -62,7 +53,7 @@ bool ClsPkcs11::Login(int userType, const XString& pin)
             logSuccessFailure2(true, m_log);
             return true;
         }
-        return C_Login(userType, pin.getUtf8(), m_log);
+        return loginAs(userType, pin.getUtf8(), m_log);
     });
 }
 
@@ -72,7 +63,7 @@ bool ClsPkcs11::Logout()
     LogContextExitor ctx(*this, "Logout");
     return runGuarded(m_log, [&] {
         m_log.LogInfo("Logging out ends the login of every session this application has on the token.");
-        return C_Logout(m_log);
+        return logout(m_log);
     });
 }
 
@@ -80,7 +71,7 @@ bool ClsPkcs11::login(int userType, const char* pin, LogBase& log)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(log, "Login");
-    return C_Login(userType, pin, log);
+    return loginAs(userType, pin, log);
 }
 
 void ClsPkcs11::setContextSpecificPin(const XString& pin, LogBase& log)
@@ -129,41 +120,54 @@ bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&)
     return false;
 }
 
+// The token's flags, when the module tells them. Asked on the side of a
+// login or a PIN change, so a failure is only an info line.
+std::optional<CK_FLAGS> ClsPkcs11::tokenFlags(CK_SLOT_ID slotId, LogBase& log)
+{
+    CK_TOKEN_INFO info{};
+    if (quietCalls(log).C_GetTokenInfo(slotId, &info) != CKR_OK)
+        return std::nullopt;
+    return info.flags;
+}
+
 // An empty PIN is only usable on a token with a PIN pad, where the user
-// types it on the reader.
-bool ClsPkcs11::pinUsable(const PinArg& pin, CK_SLOT_ID slotId, LogBase& log)
+// types it on the reader. The caller reads the token's flags only when a PIN
+// is empty or it needs them anyway.
+bool ClsPkcs11::pinUsable(const PinArg& pin, std::optional<CK_FLAGS> flags, LogBase& log)
 {
     if (pin.size != 0)
         return true;
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
-    CK_TOKEN_INFO info{};
-    const bool pinPad = f != nullptr && f->C_GetTokenInfo != nullptr
-        && checkRv("C_GetTokenInfo", f->C_GetTokenInfo(slotId, &info), log, true)
-        && (info.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
+    const bool pinPad = flags && (*flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
     if (!pinPad)
         log.LogError("The PIN is empty.");
     return pinPad;
 }
 
-bool ClsPkcs11::C_Login(int userType, const char* pin, LogBase& log)
+bool ClsPkcs11::pinUsable(const PinArg& pin, CK_SLOT_ID slotId, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_Login, "C_Login", true, log);
-    if (f == nullptr)
+    return pin.size != 0 || pinUsable(pin, tokenFlags(slotId, log), log);
+}
+
+// A login already in place counts as success.
+bool ClsPkcs11::loginAs(int userType, const char* pin, LogBase& log)
+{
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_Login>(true, log, ModuleCalls::Report::None);
+    if (!module)
         return false;
     log.LogDataLong("userType", userType);
     const PinArg pinArg(pin);
-    if (!pinUsable(pinArg, m_slotId, log))
+    const bool warnable = userType == CKU_SO || userType == CKU_USER;
+    const std::optional<CK_FLAGS> flags = warnable || pinArg.size == 0 ? tokenFlags(m_slotId, log) : std::nullopt;
+    if (!pinUsable(pinArg, flags, log))
         return false;
-    if (userType == CKU_SO || userType == CKU_USER) {
-        if (const std::optional<CK_FLAGS> flags = tokenFlags(f, m_slotId))
-            warnAboutPinState(*flags, static_cast<CK_USER_TYPE>(userType), log);
-    }
-    CK_RV rv = f->C_Login(m_hSession, static_cast<CK_USER_TYPE>(userType), pinArg.bytes, pinArg.size);
+    if (warnable && flags)
+        warnAboutPinState(*flags, static_cast<CK_USER_TYPE>(userType), log);
+    CK_RV rv = module->C_Login(m_hSession, static_cast<CK_USER_TYPE>(userType), pinArg.bytes, pinArg.size);
     if (rv == CKR_USER_ALREADY_LOGGED_IN) {
         log.LogInfo("Already logged in.");
         rv = CKR_OK;
     }
-    if (!checkRv("C_Login", rv, log)) {
+    if (!reportCall("C_Login", rv, log)) {
         // The PIN kept for signing would be offered again at the next
         // signature: a PIN the token refused is never tried twice.
         if (userType == CKU_CONTEXT_SPECIFIC && pinRefused(rv) && !m_sigContextPin.isEmpty()) {
@@ -184,17 +188,17 @@ bool ClsPkcs11::C_Login(int userType, const char* pin, LogBase& log)
     return true;
 }
 
-bool ClsPkcs11::C_Logout(LogBase& log)
+bool ClsPkcs11::logout(LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_Logout, "C_Logout", true, log);
-    if (f == nullptr)
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_Logout>(true, log);
+    if (!module)
         return false;
-    const CK_RV rv = f->C_Logout(m_hSession);
+    const CK_RV rv = module->C_Logout(m_hSession);
     if (rv == CKR_OK || rv == CKR_USER_NOT_LOGGED_IN) {
         m_soLoggedIn = false;
         m_userLoggedIn = false;
     }
-    return checkRv("C_Logout", rv, log);
+    return rv == CKR_OK;
 }
 
 } // namespace p11client

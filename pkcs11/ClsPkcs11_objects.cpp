@@ -120,10 +120,8 @@ bool ClsPkcs11::FindAllKeys(const XString& keyFilter, ClsJsonObject& json)
 bool ClsPkcs11::objectSearchReady(LogBase& log)
 {
     using F = CK_FUNCTION_LIST;
-    return functionsWith(&F::C_FindObjectsInit, "C_FindObjectsInit", false, log) != nullptr
-        && functionsWith(&F::C_FindObjects, "C_FindObjects", false, log) != nullptr
-        && functionsWith(&F::C_FindObjectsFinal, "C_FindObjectsFinal", false, log) != nullptr
-        && functionsWith(&F::C_GetAttributeValue, "C_GetAttributeValue", true, log) != nullptr;
+    return callsWith<&F::C_FindObjectsInit>(false, log) && callsWith<&F::C_FindObjects>(false, log)
+        && callsWith<&F::C_FindObjectsFinal>(false, log) && callsWith<&F::C_GetAttributeValue>(true, log);
 }
 
 bool ClsPkcs11::searchObjects(std::vector<CK_ATTRIBUTE>& tmpl, std::vector<unsigned long>& handles, LogBase& log)
@@ -157,7 +155,7 @@ bool ClsPkcs11::findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBa
     int index = 0;
     for (unsigned long handle : handles) {
         if (!reader.read(m_dlHandle.functions(), m_hSession, handle, log)) {
-            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
+            reportCall("C_GetAttributeValue", reader.lastRv(), log, true);
             continue;
         }
         putKey(json, index++, handle, reader);
@@ -194,7 +192,7 @@ bool ClsPkcs11::findObject(ClsJsonObject& json, LogBase& log)
         const std::optional<CK_OBJECT_CLASS> objectClass = objectClassOf(handle, search.objectClass(), log);
         AttributeReader reader(reportedAttributes(objectClass.value_or(CKO_VENDOR_DEFINED)));
         if (!reader.read(m_dlHandle.functions(), m_hSession, handle, log)) {
-            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
+            reportCall("C_GetAttributeValue", reader.lastRv(), log, true);
             continue;
         }
         putObject(json, index++, handle, reader);

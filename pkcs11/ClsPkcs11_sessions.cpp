@@ -32,7 +32,7 @@ bool ClsPkcs11::CloseSession()
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "CloseSession");
-    return runGuarded(m_log, [&] { return C_CloseSession(m_log); });
+    return runGuarded(m_log, [&] { return closeSession(m_log); });
 }
 
 bool ClsPkcs11::QuickSession(int userType, const XString& pin)
@@ -55,7 +55,7 @@ bool ClsPkcs11::QuickSession(int userType, const XString& pin)
             logSuccessFailure(true);
             return true;
         }
-        if (!C_Login(userType, pin.getUtf8(), m_log)) {
+        if (!loginAs(userType, pin.getUtf8(), m_log)) {
             m_log.LogError("Failed to login.");
             return false;
         }
@@ -75,7 +75,7 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
     }
     if (slotId == -1) {
         for (CK_SLOT_ID id : ids) {
-            if (C_OpenSession(id, readWrite, log)) {
+            if (openSessionOn(id, readWrite, log)) {
                 m_slotId = id;
                 return true;
             }
@@ -86,16 +86,16 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
     CK_SLOT_ID wanted = 0;
     if (!slotOfNumber(slotId, ids, wanted, log))
         return false;
-    if (!C_OpenSession(wanted, readWrite, log))
+    if (!openSessionOn(wanted, readWrite, log))
         return false;
     m_slotId = wanted;
     return true;
 }
 
-bool ClsPkcs11::C_OpenSession(CK_SLOT_ID slotId, bool readWrite, LogBase& log)
+bool ClsPkcs11::openSessionOn(CK_SLOT_ID slotId, bool readWrite, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_OpenSession, "C_OpenSession", false, log);
-    if (f == nullptr)
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_OpenSession>(false, log);
+    if (!module)
         return false;
     if (m_hSession != 0) {
         log.LogInfo("Closing the session that is open before opening another.");
@@ -107,7 +107,7 @@ bool ClsPkcs11::C_OpenSession(CK_SLOT_ID slotId, bool readWrite, LogBase& log)
     forgetContextPinOfOtherToken(slotId, log);
     const CK_FLAGS flags = CKF_SERIAL_SESSION | (readWrite ? CKF_RW_SESSION : 0);
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
-    if (!checkRv("C_OpenSession", f->C_OpenSession(slotId, flags, nullptr, nullptr, &session), log))
+    if (module->C_OpenSession(slotId, flags, nullptr, nullptr, &session) != CKR_OK)
         return false;
     if (session == CK_INVALID_HANDLE) {
         log.LogError("C_OpenSession returned no session handle.");
@@ -125,29 +125,26 @@ void ClsPkcs11::refreshLoginState(LogBase& log)
 {
     m_soLoggedIn = false;
     m_userLoggedIn = false;
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
-    if (f == nullptr || f->C_GetSessionInfo == nullptr || m_hSession == 0)
-        return;
     CK_SESSION_INFO info{};
-    if (!checkRv("C_GetSessionInfo", f->C_GetSessionInfo(m_hSession, &info), log, true))
+    if (m_hSession == 0 || quietCalls(log).C_GetSessionInfo(m_hSession, &info) != CKR_OK)
         return;
     m_soLoggedIn = info.state == CKS_RW_SO_FUNCTIONS;
     m_userLoggedIn = info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
 }
 
-bool ClsPkcs11::C_CloseSession(LogBase& log)
+bool ClsPkcs11::closeSession(LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_CloseSession, "C_CloseSession", true, log);
-    if (f == nullptr)
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_CloseSession>(true, log);
+    if (!module)
         return false;
-    const CK_RV rv = f->C_CloseSession(m_hSession);
+    const CK_RV rv = module->C_CloseSession(m_hSession);
     if (sessionIsGone(rv)) {
         ModuleInitRegistry::sessionClosed(m_dlHandle.image(), m_slotId);
         m_hSession = 0;
         m_soLoggedIn = false;
         m_userLoggedIn = false;
     }
-    return checkRv("C_CloseSession", rv, log);
+    return rv == CKR_OK;
 }
 
 // For cleanup paths: never fails, whatever the module says about a session
@@ -155,15 +152,14 @@ bool ClsPkcs11::C_CloseSession(LogBase& log)
 // process that still have a session on the token: C_Logout would end theirs.
 void ClsPkcs11::endSessionQuietly(LogBase& log)
 {
-    CK_FUNCTION_LIST* f = m_dlHandle.functions();
-    if (m_hSession != 0 && f != nullptr) {
+    if (m_hSession != 0 && m_dlHandle.functions() != nullptr) {
+        const ModuleCalls module = quietCalls(log);
         const bool othersOnToken = ModuleInitRegistry::sessions(m_dlHandle.image(), m_slotId) > 1;
         if ((m_soLoggedIn || m_userLoggedIn) && othersOnToken)
             log.LogInfo("Not logging out: another object of this application still has a session on the token.");
-        else if ((m_soLoggedIn || m_userLoggedIn) && f->C_Logout != nullptr)
-            checkRv("C_Logout", f->C_Logout(m_hSession), log, true);
-        if (f->C_CloseSession != nullptr)
-            checkRv("C_CloseSession", f->C_CloseSession(m_hSession), log, true);
+        else if (m_soLoggedIn || m_userLoggedIn)
+            module.C_Logout(m_hSession);
+        module.C_CloseSession(m_hSession);
         ModuleInitRegistry::sessionClosed(m_dlHandle.image(), m_slotId);
     }
     m_hSession = 0;

@@ -25,14 +25,14 @@ constexpr CK_ULONG kMaxSignatureLength = 4096;
 
 // One C_Sign of the data on the session.
 struct SignCall {
-    CK_FUNCTION_LIST* f;
+    const ModuleCalls& module;
     CK_SESSION_HANDLE hSession;
     const DataBuffer& data;
 
     CK_RV into(DataBuffer& out, CK_ULONG& len) const
     {
         auto* in = const_cast<CK_BYTE_PTR>(data.getData());
-        return f->C_Sign(hSession, in, data.getSize(), out.getData(), &len);
+        return module.C_Sign(hSession, in, data.getSize(), out.getData(), &len);
     }
 
     // The length alone, for a token that found the first buffer too small.
@@ -40,7 +40,7 @@ struct SignCall {
     {
         auto* in = const_cast<CK_BYTE_PTR>(data.getData());
         len = 0;
-        return f->C_Sign(hSession, in, data.getSize(), nullptr, &len);
+        return module.C_Sign(hSession, in, data.getSize(), nullptr, &len);
     }
 };
 
@@ -203,33 +203,27 @@ bool ClsPkcs11::signOnToken(CK_MECHANISM& mechanism, unsigned long hKey, const D
         log.LogError("The key needs the PIN at each signature: set SigContextPin or call Login with user type 2.");
         return false;
     }
-    if (!C_SignInit(mechanism, hKey, log))
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_SignInit>(true, log);
+    if (!module || module->C_SignInit(m_hSession, &mechanism, hKey) != CKR_OK)
         return false;
-    if (contextLogin && !C_Login(kUserTypeContextSpecific, m_sigContextPin.getUtf8(), log)) {
+    if (contextLogin && !loginAs(kUserTypeContextSpecific, m_sigContextPin.getUtf8(), log)) {
         log.LogError("The context-specific login failed.");
         DataBuffer discarded;
-        C_Sign(input, expectedSize, discarded, log); // ends the operation the token holds
+        signInput(input, expectedSize, discarded, log); // ends the operation the token holds
         return false;
     }
-    return C_Sign(input, expectedSize, signature, log);
-}
-
-bool ClsPkcs11::C_SignInit(CK_MECHANISM& mechanism, unsigned long hKey, LogBase& log)
-{
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_SignInit, "C_SignInit", true, log);
-    if (f == nullptr)
-        return false;
-    return checkRv("C_SignInit", f->C_SignInit(m_hSession, &mechanism, hKey), log);
+    return signInput(input, expectedSize, signature, log);
 }
 
 // The signature goes into a buffer of the expected size first; only when the
-// token says it is too small is the length asked for.
-bool ClsPkcs11::C_Sign(const DataBuffer& data, std::size_t expectedSize, DataBuffer& signature, LogBase& log)
+// token says it is too small is the length asked for. Only the last call's
+// value is reported: a first buffer too small is no failure.
+bool ClsPkcs11::signInput(const DataBuffer& data, std::size_t expectedSize, DataBuffer& signature, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_Sign, "C_Sign", true, log);
-    if (f == nullptr)
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_Sign>(true, log, ModuleCalls::Report::None);
+    if (!module)
         return false;
-    const SignCall call{f, m_hSession, data};
+    const SignCall call{*module, m_hSession, data};
     CK_ULONG len = expectedSize != 0 ? expectedSize : kMaxSignatureLength;
     signature.resize(len);
     CK_RV rv = call.into(signature, len);
@@ -246,7 +240,7 @@ bool ClsPkcs11::C_Sign(const DataBuffer& data, std::size_t expectedSize, DataBuf
             rv = call.into(signature, len);
         }
     }
-    if (!checkRv("C_Sign", rv, log) || !signatureLengthPlausible(len, signature.getSize(), expectedSize, log)) {
+    if (!reportCall("C_Sign", rv, log) || !signatureLengthPlausible(len, signature.getSize(), expectedSize, log)) {
         signature.clear();
         return false;
     }

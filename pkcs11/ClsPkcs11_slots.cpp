@@ -89,11 +89,9 @@ bool ClsPkcs11::discover(bool onlyTokensPresent, ClsJsonObject& json, LogBase& l
 
 bool ClsPkcs11::getCryptokiInfo(ClsJsonObject& json, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetInfo, "C_GetInfo", false, log);
-    if (f == nullptr)
-        return false;
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_GetInfo>(false, log);
     CK_INFO info{};
-    if (!checkRv("C_GetInfo", f->C_GetInfo(&info), log))
+    if (!module || module->C_GetInfo(&info) != CKR_OK)
         return false;
     putText(json, "library.cryptokiVersion", ckVersion(info.cryptokiVersion));
     putText(json, "library.manufacturer", ckText(info.manufacturerID));
@@ -120,13 +118,13 @@ bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, ClsJsonObject& json, LogBas
 
 bool ClsPkcs11::addSlotInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetSlotInfo, "C_GetSlotInfo", false, log);
-    if (f == nullptr)
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_GetSlotInfo>(false, log);
+    if (!module)
         return false;
     const std::string path = slotPath(index);
     CK_SLOT_INFO info{};
-    const CK_RV rv = f->C_GetSlotInfo(slotId, &info);
-    if (!checkRv("C_GetSlotInfo", rv, log)) {
+    const CK_RV rv = module->C_GetSlotInfo(slotId, &info);
+    if (rv != CKR_OK) {
         putText(json, at(path, "error"), ckrName(rv));
         return false;
     }
@@ -142,13 +140,13 @@ bool ClsPkcs11::addSlotInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, L
 
 bool ClsPkcs11::addTokenInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetTokenInfo, "C_GetTokenInfo", false, log);
-    if (f == nullptr)
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_GetTokenInfo>(false, log);
+    if (!module)
         return false;
     const std::string path = at(slotPath(index), "token");
     CK_TOKEN_INFO info{};
-    const CK_RV rv = f->C_GetTokenInfo(slotId, &info);
-    if (!checkRv("C_GetTokenInfo", rv, log)) {
+    const CK_RV rv = module->C_GetTokenInfo(slotId, &info);
+    if (rv != CKR_OK) {
         putText(json, at(path, "error"), ckrName(rv));
         return false;
     }
@@ -176,13 +174,14 @@ bool ClsPkcs11::addTokenInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, 
 
 bool ClsPkcs11::getSlotList(bool tokenPresent, std::vector<CK_SLOT_ID>& slotIds, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_GetSlotList, "C_GetSlotList", false, log);
-    if (f == nullptr)
+    // Reported here: a list that grew between the two calls is no failure.
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_GetSlotList>(false, log, ModuleCalls::Report::None);
+    if (!module)
         return false;
     const CK_BBOOL present = tokenPresent ? CK_TRUE : CK_FALSE;
     for (int attempt = 0; attempt < kSlotListAttempts; ++attempt) {
         CK_ULONG count = 0;
-        if (!checkRv("C_GetSlotList", f->C_GetSlotList(present, nullptr, &count), log))
+        if (!reportCall("C_GetSlotList", module->C_GetSlotList(present, nullptr, &count), log))
             return false;
         if (count > kMaxSlots) {
             log.LogError("C_GetSlotList reported more slots than any device has.");
@@ -193,10 +192,10 @@ bool ClsPkcs11::getSlotList(bool tokenPresent, std::vector<CK_SLOT_ID>& slotIds,
         if (count == 0)
             return true;
         CK_ULONG filled = count;
-        const CK_RV rv = f->C_GetSlotList(present, slotIds.data(), &filled);
+        const CK_RV rv = module->C_GetSlotList(present, slotIds.data(), &filled);
         if (rv == CKR_BUFFER_TOO_SMALL)
             continue; // a slot appeared between the two calls
-        if (!checkRv("C_GetSlotList", rv, log))
+        if (!reportCall("C_GetSlotList", rv, log))
             return false;
         slotIds.resize(std::min(filled, count));
         return true;

@@ -20,7 +20,7 @@ bool ClsPkcs11::SetPin(const XString& oldPin, const XString& newPin)
     LogContextExitor ctx(*this, "SetPin");
     const bool ok = runGuarded(m_log, [&] {
         return pinIsWhole(oldPin, m_log) && pinIsWhole(newPin, m_log)
-            && C_SetPIN(oldPin.getUtf8(), newPin.getUtf8(), m_log);
+            && setPin(oldPin.getUtf8(), newPin.getUtf8(), m_log);
     });
     logSuccessFailure(ok);
     return ok;
@@ -30,7 +30,7 @@ bool ClsPkcs11::InitPin(const XString& pin)
 {
     CritSecExitor lock(this);
     LogContextExitor ctx(*this, "InitPin");
-    const bool ok = runGuarded(m_log, [&] { return pinIsWhole(pin, m_log) && C_InitPIN(pin.getUtf8(), m_log); });
+    const bool ok = runGuarded(m_log, [&] { return pinIsWhole(pin, m_log) && initPin(pin.getUtf8(), m_log); });
     logSuccessFailure(ok);
     return ok;
 }
@@ -48,39 +48,39 @@ bool ClsPkcs11::InitToken(int slotId, const XString& soPin, const XString& label
         CK_SLOT_ID slot = 0;
         std::vector<CK_SLOT_ID> slots;
         return pinIsWhole(soPin, m_log) && getSlotList(false, slots, m_log) && slotOfNumber(slotId, slots, slot, m_log)
-            && C_InitToken(slot, soPin.getUtf8(), label.getUtf8(), m_log);
+            && initToken(slot, soPin.getUtf8(), label.getUtf8(), m_log);
     });
     logSuccessFailure(ok);
     return ok;
 }
 
-bool ClsPkcs11::C_SetPIN(const char* oldPin, const char* newPin, LogBase& log)
+bool ClsPkcs11::setPin(const char* oldPin, const char* newPin, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_SetPIN, "C_SetPIN", true, log);
-    if (f == nullptr)
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_SetPIN>(true, log);
+    if (!module)
         return false;
     const PinArg oldArg(oldPin);
     const PinArg newArg(newPin);
     if (!pinUsable(oldArg, m_slotId, log) || !pinUsable(newArg, m_slotId, log))
         return false;
-    return checkRv("C_SetPIN", f->C_SetPIN(m_hSession, oldArg.bytes, oldArg.size, newArg.bytes, newArg.size), log);
+    return module->C_SetPIN(m_hSession, oldArg.bytes, oldArg.size, newArg.bytes, newArg.size) == CKR_OK;
 }
 
-bool ClsPkcs11::C_InitPIN(const char* pin, LogBase& log)
+bool ClsPkcs11::initPin(const char* pin, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_InitPIN, "C_InitPIN", true, log);
-    if (f == nullptr)
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_InitPIN>(true, log);
+    if (!module)
         return false;
     const PinArg arg(pin);
     if (!pinUsable(arg, m_slotId, log))
         return false;
-    return checkRv("C_InitPIN", f->C_InitPIN(m_hSession, arg.bytes, arg.size), log);
+    return module->C_InitPIN(m_hSession, arg.bytes, arg.size) == CKR_OK;
 }
 
-bool ClsPkcs11::C_InitToken(CK_SLOT_ID slotId, const char* soPin, const char* label, LogBase& log)
+bool ClsPkcs11::initToken(CK_SLOT_ID slotId, const char* soPin, const char* label, LogBase& log)
 {
-    CK_FUNCTION_LIST* f = functionsWith(&CK_FUNCTION_LIST::C_InitToken, "C_InitToken", false, log);
-    if (f == nullptr)
+    const auto module = callsWith<&CK_FUNCTION_LIST::C_InitToken>(false, log);
+    if (!module)
         return false;
     log.LogDataLong("slotId", static_cast<long>(slotId));
     const std::size_t labelSize = label != nullptr ? std::strlen(label) : 0;
@@ -96,7 +96,7 @@ bool ClsPkcs11::C_InitToken(CK_SLOT_ID slotId, const char* soPin, const char* la
     const PinArg arg(soPin);
     if (!pinUsable(arg, slotId, log))
         return false;
-    return checkRv("C_InitToken", f->C_InitToken(slotId, arg.bytes, arg.size, paddedLabel), log);
+    return module->C_InitToken(slotId, arg.bytes, arg.size, paddedLabel) == CKR_OK;
 }
 
 } // namespace p11client
