@@ -81,7 +81,7 @@ bool hashData(const HashAlgorithm& alg, const DataBuffer& data, DataBuffer& dige
 {
     unsigned int size = 0;
     digest.resize(EVP_MAX_MD_SIZE);
-    const EVP_MD* md = EVP_get_digestbyname(alg.opensslName);
+    const EVP_MD* md = alg.digest();
     if (md == nullptr || EVP_Digest(data.getData(), data.getSize(), digest.getData(), &size, md, nullptr) != 1)
         return false;
     digest.shorten(size);
