@@ -37,7 +37,7 @@ struct KeyUsageWord {
     const char* word;
 };
 
-// In the order the rule tests them; cRLSign is tested twice on purpose.
+// In the order the rule tests them; the cRLSign bit answers to two words.
 constexpr KeyUsageWord kKeyUsageWords[] = {
     {0x40, "nonrepudiation"},     {0x80, "digitalsignature"}, {0x20, "keyencipherment"},
     {0x10, "dataencipherment"},   {0x04, "certificatesigning"}, {0x02, "crlsigning"},

@@ -238,7 +238,7 @@ unsigned long ClsPkcs11::findRsaKeyHandle(Certificate& cert, bool minimalFirstPa
 
 unsigned long ClsPkcs11::findEcKeyHandle(Certificate& cert, bool& keyVerified, LogBase& log)
 {
-    // Logged as an error on purpose: readers of this log look for it there.
+    // An error line: readers of this log look for the key type among the errors.
     log.LogError("Certificate key type is ECDSA.");
     DataBuffer point;
     cert.getEcPublicPoint(point, log);

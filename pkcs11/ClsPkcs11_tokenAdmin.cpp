@@ -35,8 +35,8 @@ bool ClsPkcs11::InitPin(const XString& pin)
     return ok;
 }
 
-// The context is named after the certificate search on purpose: tools that
-// read this log already know the name. The slot number names the module's
+// The log context is "FindCert_pkcs11", the name under which tools reading
+// this log find token initialization. The slot number names the module's
 // slot whose ID has its 32 bits, so slot IDs above INT_MAX can be named too
 // (-1 is then 0xFFFFFFFF, no "any slot" here); the token is initialized
 // through that slot's whole ID.
