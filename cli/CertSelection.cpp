@@ -12,7 +12,6 @@
 #include <CLI/CLI.hpp>
 #include <p11-kit/pkcs11.h>
 
-#include <algorithm>
 
 namespace p11cli {
 
@@ -28,9 +27,7 @@ bool uriNames(const Pkcs11Uri& uri, const p11client::Certificate& certificate)
 {
     p11client::DataBuffer id;
     certificate.getCkaId(id);
-    const auto wantedId = uri.id();
-    return (!uri.label() || *uri.label() == certificate.getPkcs11Label())
-        && (!wantedId || std::ranges::equal(*wantedId, id.bytes()));
+    return uri.namesObjectWith(certificate.getPkcs11Label(), id.bytes());
 }
 
 void selectByUri(TokenSession& session, const Pkcs11Uri& uri, ClsCert& cert)

@@ -1,31 +1,29 @@
 #include "HashNames.h"
 
-#include <openssl/evp.h>
+#include "HashAlgorithm.h"
 
 namespace p11cli {
 
+using p11client::HashAlgorithm;
+
 std::vector<std::string> hashNames()
 {
-    return {"sha1", "sha256", "sha384", "sha512"};
+    std::vector<std::string> names;
+    for (const HashAlgorithm& alg : HashAlgorithm::all())
+        names.emplace_back(alg.name);
+    return names;
 }
 
 const EVP_MD* digestOf(const std::string& hashName)
 {
-    if (hashName == "sha1")
-        return EVP_sha1();
-    if (hashName == "sha256")
-        return EVP_sha256();
-    if (hashName == "sha384")
-        return EVP_sha384();
-    if (hashName == "sha512")
-        return EVP_sha512();
-    return nullptr;
+    const auto alg = HashAlgorithm::byName(hashName);
+    return alg ? alg->digest() : nullptr;
 }
 
 std::size_t digestSizeOf(const std::string& hashName)
 {
-    const EVP_MD* md = digestOf(hashName);
-    return md != nullptr ? static_cast<std::size_t>(EVP_MD_get_size(md)) : 0;
+    const auto alg = HashAlgorithm::byName(hashName);
+    return alg ? alg->digestSize : 0;
 }
 
 } // namespace p11cli

@@ -8,7 +8,6 @@
 #include "TokenSession.h"
 
 #include <CLI/CLI.hpp>
-#include <p11-kit/pkcs11.h>
 
 #include <cstdio>
 #include <memory>
@@ -77,33 +76,6 @@ struct ObjectsOptions {
     std::string templateFile;
 };
 
-const char* className(unsigned long cls)
-{
-    switch (cls) {
-    case CKO_CERTIFICATE: return "certificate";
-    case CKO_PUBLIC_KEY: return "publicKey";
-    case CKO_PRIVATE_KEY: return "privateKey";
-    case CKO_SECRET_KEY: return "secretKey";
-    case CKO_DATA: return "data";
-    default: return nullptr;
-    }
-}
-
-// The object part of a URI as a search template.
-void templateFromUri(const Pkcs11Uri& uri, ClsJsonObject& search)
-{
-    if (const auto cls = uri.objectClass()) {
-        const char* name = className(*cls);
-        if (name == nullptr)
-            throw UsageError("the URI's object type cannot be searched for: " + uri.text());
-        search.updateString("class", name);
-    }
-    if (const auto label = uri.label())
-        search.updateString("label", label->c_str());
-    if (const auto id = uri.id())
-        search.updateString("id", lowerHex(*id).c_str());
-}
-
 void loadTemplate(const ObjectsOptions& o, const TokenSession& session, ClsJsonObject& search)
 {
     std::string text = o.templateText;
@@ -117,7 +89,7 @@ void loadTemplate(const ObjectsOptions& o, const TokenSession& session, ClsJsonO
         return;
     }
     if (const Pkcs11Uri* uri = session.objectUri())
-        templateFromUri(*uri, search);
+        uri->putSearchTemplate(search);
 }
 
 void printObjects(ClsJsonObject& result)

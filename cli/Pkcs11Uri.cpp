@@ -1,45 +1,33 @@
 #include "Pkcs11Uri.h"
 
+#include "AttributeKinds.h"
+#include "ClsJsonObject.h"
 #include "Errors.h"
+#include "Output.h"
 
 #include <p11-kit/uri.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
+#include <string_view>
 
 namespace p11cli {
 
 namespace {
-
-// A blank-padded Cryptoki text field, as the module would report it.
-template <std::size_t N> void padInto(unsigned char (&field)[N], const std::string& text)
-{
-    std::memset(field, ' ', N);
-    std::memcpy(field, text.data(), std::min(N, text.size()));
-}
 
 template <std::size_t N> bool isSet(const unsigned char (&field)[N])
 {
     return field[0] != 0;
 }
 
-CK_TOKEN_INFO tokenInfoOf(const SlotRecord& slot)
+// A blank-padded field of the URI against a text of the report: an unset
+// field matches any text.
+template <std::size_t N> bool fieldMatches(const unsigned char (&field)[N], const std::string& text)
 {
-    CK_TOKEN_INFO info {};
-    padInto(info.label, slot.label);
-    padInto(info.manufacturerID, slot.tokenManufacturer);
-    padInto(info.model, slot.model);
-    padInto(info.serialNumber, slot.serialNumber);
-    return info;
-}
-
-CK_SLOT_INFO slotInfoOf(const SlotRecord& slot)
-{
-    CK_SLOT_INFO info {};
-    padInto(info.slotDescription, slot.description);
-    padInto(info.manufacturerID, slot.manufacturer);
-    return info;
+    if (!isSet(field))
+        return true;
+    const std::string_view padded(reinterpret_cast<const char*>(field), N);
+    return padded.substr(0, padded.find_last_not_of(' ') + 1) == text;
 }
 
 } // namespace
@@ -83,11 +71,33 @@ bool Pkcs11Uri::matches(const SlotRecord& slot) const
     const CK_SLOT_ID wantedId = p11_kit_uri_get_slot_id(m_uri.get());
     if (wantedId != static_cast<CK_SLOT_ID>(-1) && wantedId != slot.id)
         return false;
-    CK_SLOT_INFO slotInfo = slotInfoOf(slot);
-    if (p11_kit_uri_match_slot_info(m_uri.get(), &slotInfo) == 0)
-        return false;
-    CK_TOKEN_INFO tokenInfo = tokenInfoOf(slot);
-    return p11_kit_uri_match_token_info(m_uri.get(), &tokenInfo) != 0;
+    const CK_SLOT_INFO* slotInfo = p11_kit_uri_get_slot_info(m_uri.get());
+    const CK_TOKEN_INFO* token = p11_kit_uri_get_token_info(m_uri.get());
+    return fieldMatches(slotInfo->slotDescription, slot.description)
+        && fieldMatches(slotInfo->manufacturerID, slot.manufacturer) && fieldMatches(token->label, slot.label)
+        && fieldMatches(token->manufacturerID, slot.tokenManufacturer) && fieldMatches(token->model, slot.model)
+        && fieldMatches(token->serialNumber, slot.serialNumber);
+}
+
+bool Pkcs11Uri::namesObjectWith(const std::string& objectLabel, std::span<const std::uint8_t> objectId) const
+{
+    const auto wantedLabel = label();
+    const auto wantedId = id();
+    return (!wantedLabel || *wantedLabel == objectLabel) && (!wantedId || std::ranges::equal(*wantedId, objectId));
+}
+
+void Pkcs11Uri::putSearchTemplate(p11client::ClsJsonObject& search) const
+{
+    if (const auto cls = objectClass()) {
+        const std::string name = p11client::objectClassName(*cls);
+        if (!p11client::objectClassByName(name))
+            throw UsageError("the URI's object type cannot be searched for: " + m_text);
+        search.updateString("class", name.c_str());
+    }
+    if (const auto wantedLabel = label())
+        search.updateString("label", wantedLabel->c_str());
+    if (const auto wantedId = id())
+        search.updateString("id", lowerHex(*wantedId).c_str());
 }
 
 std::optional<std::string> Pkcs11Uri::label() const

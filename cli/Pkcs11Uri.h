@@ -5,10 +5,15 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 struct p11_kit_uri;
+
+namespace p11client {
+class ClsJsonObject;
+}
 
 namespace p11cli {
 
@@ -21,7 +26,9 @@ public:
 
     // Whether the URI names a token or slot at all (else it matches any).
     bool namesToken() const;
-    // Whether the slot and its token match every slot and token attribute.
+    // Whether the slot and its token match every slot and token attribute;
+    // the URI's values are compared with the report's texts, which come
+    // without the blank padding of the module's fields.
     bool matches(const SlotRecord& slot) const;
 
     bool namesObject() const { return label().has_value() || id().has_value() || objectClass().has_value(); }
@@ -29,6 +36,11 @@ public:
     std::optional<std::vector<std::uint8_t>> id() const;
     // The CKO_ class named by type=.
     std::optional<unsigned long> objectClass() const;
+    // Whether an object with this label and CKA_ID is one the URI names
+    // (its class aside).
+    bool namesObjectWith(const std::string& label, std::span<const std::uint8_t> id) const;
+    // The object part as a FindObject search template (class, label, id).
+    void putSearchTemplate(p11client::ClsJsonObject& search) const;
     // module-path=, empty when absent.
     std::string modulePath() const;
     const std::string& text() const { return m_text; }

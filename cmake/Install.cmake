@@ -5,6 +5,9 @@ file(GLOB P11CLIENT_PUBLIC_HEADERS
   ${CMAKE_CURRENT_SOURCE_DIR}/base/*.h
   ${CMAKE_CURRENT_SOURCE_DIR}/pkcs11/*.h
   ${CMAKE_CURRENT_SOURCE_DIR}/pcsc/ClsCardReaders.h
+  ${CMAKE_CURRENT_SOURCE_DIR}/pkcs11/cryptoki/CkNames.h
+  ${CMAKE_CURRENT_SOURCE_DIR}/pkcs11/cryptoki/FunctionListEntries.h
+  ${CMAKE_CURRENT_SOURCE_DIR}/pkcs11/cryptoki/ModuleCalls.h
   ${CMAKE_CURRENT_SOURCE_DIR}/pkcs11/cryptoki/ModuleLibrary.h
   ${CMAKE_CURRENT_SOURCE_DIR}/pkcs11/cryptoki/Cryptoki.h)
 install(FILES ${P11CLIENT_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/p11client)

@@ -1,5 +1,5 @@
-// The module object: construction, destruction, properties and the reporters
-// that the Cryptoki call layer uses.
+// The module object: construction, destruction, properties, the state a
+// child process forgets, and what a missing list, entry or session logs.
 #include "ClsPkcs11.h"
 
 #include <memory>
@@ -64,10 +64,20 @@ bool ClsPkcs11::noFunc(const char* functionName, LogBase& log)
     return false;
 }
 
-// In a child process made by fork() the list is withheld (ModuleLibrary):
-// the object forgets the parent's session, login and initialization without
-// a word to the module, and the next Initialize, Discover or QuickSession
-// loads the library afresh in this process.
+// In a child process made by fork() the session, the login and the
+// initialization are the parent's: the object forgets them without a word to
+// the module. The list is withheld there (ModuleLibrary), and unloading the
+// module starts here too.
+void ClsPkcs11::forgetParentProcessState()
+{
+    m_hSession = 0;
+    m_soLoggedIn = false;
+    m_userLoggedIn = false;
+    m_initialized = false;
+}
+
+// In a child process the next Initialize, Discover or QuickSession loads the
+// library afresh.
 bool ClsPkcs11::noFuncs(LogBase& log)
 {
     CritSecExitor lock(this);
@@ -75,10 +85,7 @@ bool ClsPkcs11::noFuncs(LogBase& log)
         log.LogError("This process was forked after the PKCS11 library was loaded: its session and login belong "
                      "to the parent process.");
         log.LogInfo("Initialize loads and initializes the library afresh in this process.");
-        m_hSession = 0;
-        m_soLoggedIn = false;
-        m_userLoggedIn = false;
-        m_initialized = false;
+        forgetParentProcessState();
         return false;
     }
     log.LogError("PKCS11 functions not available");

@@ -2,6 +2,7 @@
 
 #include "ClsBase.h"
 #include "ExtPtrArray.h"
+#include "ModuleCalls.h"
 #include "ModuleLibrary.h"
 #include "SystemCertsHolder.h"
 #include "XString.h"
@@ -147,97 +148,114 @@ public:
     // Links the certificate to the session with its private key's handle.
     bool linkCertToPkcs11Session(Certificate* cert, bool minimalFirstPass, LogBase& log);
 
-    // Reporters for the Cryptoki call layer; each returns false.
+private:
+    // What a missing list, entry or session looks like in the log; each
+    // returns false.
     bool noFunc(const char* functionName, LogBase& log);
     bool noFuncs(LogBase& log);
     bool noSession(LogBase& log);
-
-private:
-    // Loading.
-    bool loadPkcs11Dll(bool stripDirectory, LogBase& log);
-    void unloadModule(LogBase& log);
-
-    // The Cryptoki call layer.
-    bool getPkcs11Functions(LogBase& log);
-    bool pkcs11_initialize(LogBase& log);
-    bool getCryptokiInfo(ClsJsonObject& json, LogBase& log);
-    bool getSlotsInfo(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log);
-    bool addSlotInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log);
-    bool addTokenInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log);
-    bool getSlotList(bool tokenPresent, std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
-    bool getSlotIdsWithTokenPresent(std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
-    // The one slot of the list whose ID has the low 32 bits of the caller's int.
-    bool slotOfNumber(int slotNumber, const std::vector<CK_SLOT_ID>& slots, CK_SLOT_ID& slotId, LogBase& log);
-    bool C_OpenSession(CK_SLOT_ID slotId, bool readWrite, LogBase& log);
-    bool C_CloseSession(LogBase& log);
-    bool C_Login(int userType, const char* pin, LogBase& log);
-    bool C_Logout(LogBase& log);
-    bool C_SetPIN(const char* oldPin, const char* newPin, LogBase& log);
-    bool C_InitPIN(const char* pin, LogBase& log);
-    bool C_InitToken(CK_SLOT_ID slotId, const char* soPin, const char* label, LogBase& log);
-    bool C_SignInit(CK_MECHANISM& mechanism, unsigned long hKey, LogBase& log);
-    bool C_Sign(const DataBuffer& data, std::size_t expectedSize, DataBuffer& signature, LogBase& log);
-    void refreshLoginState(LogBase& log);
-    bool pinUsable(const PinArg& pin, CK_SLOT_ID slotId, LogBase& log);
-    void keepContextPin(const XString& pin);
-    void forgetContextPin(const char* why, LogBase& log);
-    void forgetContextPinOfOtherToken(CK_SLOT_ID slotId, LogBase& log);
-    void endSessionQuietly(LogBase& log);
-    void finalizeQuietly(LogBase& log);
-    void clearTokenCaches(LogBase& log);
-    bool checkRv(const char* function, unsigned long rv, LogBase& log, bool quiet = false);
-    // The function list when it has the entry point (and a session is open,
-    // where one is needed); null, with the reason logged, otherwise.
-    template <class Fn>
-    CK_FUNCTION_LIST* functionsWith(Fn CK_FUNCTION_LIST::*entry, const char* name, bool needsSession, LogBase& log)
+    // The calls into the module when its list has the entry (and a session
+    // is open, where one is needed); nothing, with the reason logged,
+    // otherwise.
+    template <auto Entry>
+    std::optional<ModuleCalls> callsWith(bool needsSession, LogBase& log,
+                                         ModuleCalls::Report report = ModuleCalls::Report::Error)
     {
         CK_FUNCTION_LIST* f = m_dlHandle.functions();
         if (f == nullptr)
             noFuncs(log);
-        else if (f->*entry == nullptr)
-            noFunc(name, log);
+        else if (f->*Entry == nullptr)
+            noFunc(kEntryName<Entry>, log);
         else if (needsSession && m_hSession == 0)
             noSession(log);
         else
-            return f;
-        return nullptr;
+            return ModuleCalls(f, log, report);
+        return std::nullopt;
     }
+    // Calls for cleanup and side questions: an entry the module lacks is
+    // passed over without a word.
+    ModuleCalls quietCalls(LogBase& log) { return ModuleCalls(m_dlHandle.functions(), log, ModuleCalls::Report::Quiet); }
+    void forgetParentProcessState();
 
-    // Object search and the key caches.
+    // ClsPkcs11_loading.cpp
+    bool loadPkcs11Dll(bool stripDirectory, LogBase& log);
+    void unloadModule(LogBase& log);
+    bool getPkcs11Functions(LogBase& log);
+    bool pkcs11_initialize(LogBase& log);
+    void finalizeQuietly(LogBase& log);
+
+    // ClsPkcs11_slots.cpp
+    bool getSlotList(bool tokenPresent, std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
+    bool getSlotIdsWithTokenPresent(std::vector<CK_SLOT_ID>& slotIds, LogBase& log);
+    // The one slot of the list whose ID has the low 32 bits of the caller's int.
+    bool slotOfNumber(int slotNumber, const std::vector<CK_SLOT_ID>& slots, CK_SLOT_ID& slotId, LogBase& log);
+    bool getCryptokiInfo(ClsJsonObject& json, LogBase& log);
+    bool getSlotsInfo(bool onlyTokensPresent, ClsJsonObject& json, LogBase& log);
+    bool addSlotInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log);
+    bool addTokenInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, LogBase& log);
+
+    // ClsPkcs11_sessions.cpp
+    bool openSessionOn(CK_SLOT_ID slotId, bool readWrite, LogBase& log);
+    bool closeSession(LogBase& log);
+    void refreshLoginState(LogBase& log);
+    void endSessionQuietly(LogBase& log);
+
+    // ClsPkcs11_login.cpp
+    bool loginAs(int userType, const char* pin, LogBase& log);
+    bool logout(LogBase& log);
+    std::optional<CK_FLAGS> tokenFlags(CK_SLOT_ID slotId, LogBase& log);
+    bool pinUsable(const PinArg& pin, std::optional<CK_FLAGS> flags, LogBase& log);
+    bool pinUsable(const PinArg& pin, CK_SLOT_ID slotId, LogBase& log);
+    void keepContextPin(const XString& pin);
+    void forgetContextPin(const char* why, LogBase& log);
+    void forgetContextPinOfOtherToken(CK_SLOT_ID slotId, LogBase& log);
+
+    // ClsPkcs11_tokenAdmin.cpp
+    bool setPin(const char* oldPin, const char* newPin, LogBase& log);
+    bool initPin(const char* pin, LogBase& log);
+    bool initToken(CK_SLOT_ID slotId, const char* soPin, const char* label, LogBase& log);
+
+    // ClsPkcs11_objects.cpp
     bool objectSearchReady(LogBase& log);
     bool searchObjects(std::vector<CK_ATTRIBUTE>& tmpl, std::vector<unsigned long>& handles, LogBase& log);
+    bool findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBase& log);
+    bool findObject(ClsJsonObject& json, LogBase& log);
+    std::optional<unsigned long> objectClassOf(unsigned long handle, std::optional<unsigned long> known, LogBase& log);
+
+    // ClsPkcs11_keyCaches.cpp
     bool searchKeys(unsigned long keyType, std::vector<unsigned long>& handles, LogBase& log);
     bool fillKeyCache(unsigned long keyType, const std::vector<CK_ATTRIBUTE_TYPE>& types, ExtPtrArray& cache,
                       LogBase& log);
     bool cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, LogBase& log);
     bool cacheEcdsaPrivateKeys(LogBase& log);
     void readPublicKeyMaterial(Pkcs11_PrivateKey& key, unsigned long keyType);
-    bool findAllKeys(const XString& keyFilter, ClsJsonObject& json, LogBase& log);
-    bool findAllCerts(LogBase& log);
-    bool findObject(ClsJsonObject& json, LogBase& log);
-    std::optional<unsigned long> objectClassOf(unsigned long handle, std::optional<unsigned long> known, LogBase& log);
+    void clearTokenCaches(LogBase& log);
 
-    // Pairing and selection.
+    // ClsPkcs11_certCache.cpp
+    bool findAllCerts(LogBase& log);
+    enum class KeyRuleOutcome { Choose, Defer, Skip };
+    KeyRuleOutcome applyPrivateKeyRule(Certificate& cert, bool haveCandidate, LogBase& log);
+    bool commitCert(const std::shared_ptr<Certificate>& chosen, ClsCert& cert, LogBase& log);
+
+    // ClsPkcs11_linking.cpp
     struct ScanTexts {
         const char* found;
         const char* rejected;
     };
-    enum class KeyRuleOutcome { Choose, Defer, Skip };
     unsigned long scanRsaKeys(DataBuffer Pkcs11_PrivateKey::*field, const DataBuffer& wanted,
                               const DataBuffer* alsoWanted, bool requireSign, const ScanTexts& texts, LogBase& log);
     unsigned long findRsaKeyHandle(Certificate& cert, bool minimalFirstPass, bool& keyVerified, LogBase& log);
     unsigned long findEcKeyHandle(Certificate& cert, bool& keyVerified, LogBase& log);
     unsigned long fallbackKey(ExtPtrArray& keys, unsigned long keyType, const DataBuffer& certMaterial, bool& proven);
-    KeyRuleOutcome applyPrivateKeyRule(Certificate& cert, bool haveCandidate, LogBase& log);
-    bool commitCert(const std::shared_ptr<Certificate>& chosen, ClsCert& cert, LogBase& log);
     void rememberLink(Certificate& cert);
     void unlinkRememberedCerts();
 
-    // Signing.
+    // ClsPkcs11_signing.cpp
     bool signDigest(Certificate* cert, const HashAlgorithm& alg, const DataBuffer& digest, DataBuffer& signature,
                     LogBase& log);
     bool signOnToken(CK_MECHANISM& mechanism, unsigned long hKey, const DataBuffer& input, std::size_t expectedSize,
                      DataBuffer& signature, LogBase& log);
+    bool signInput(const DataBuffer& data, std::size_t expectedSize, DataBuffer& signature, LogBase& log);
     bool keyNeedsContextLogin(unsigned long hKey, LogBase& log);
 
     XString m_sharedLibPath;

@@ -2,6 +2,8 @@
 
 #include "StringBuffer.h"
 
+#include <openssl/evp.h>
+
 namespace p11client {
 
 namespace {
@@ -25,6 +27,10 @@ const HashAlgorithm kAlgorithms[] = {
 };
 
 } // namespace
+
+const EVP_MD* HashAlgorithm::digest() const { return EVP_get_digestbyname(opensslName); }
+
+std::span<const HashAlgorithm> HashAlgorithm::all() { return kAlgorithms; }
 
 std::optional<HashAlgorithm> HashAlgorithm::byName(std::string_view name)
 {

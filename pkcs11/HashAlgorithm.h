@@ -2,6 +2,8 @@
 
 #include "Cryptoki.h"
 
+#include <openssl/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -21,8 +23,13 @@ struct HashAlgorithm {
     CK_MECHANISM_TYPE pssHash;
     CK_RSA_PKCS_MGF_TYPE mgf;
 
+    // OpenSSL's digest of this algorithm.
+    const EVP_MD* digest() const;
+
     // "sha1", "sha256", "sha384", "sha512", in any case, with or without a dash.
     static std::optional<HashAlgorithm> byName(std::string_view name);
+    // Every algorithm, in the order of the names above.
+    static std::span<const HashAlgorithm> all();
 };
 
 } // namespace p11client

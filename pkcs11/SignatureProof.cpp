@@ -31,7 +31,7 @@ bool certificateVerifiesSignature(const Certificate& cert, const HashAlgorithm& 
 {
     const X509* x509 = cert.x509();
     EVP_PKEY* key = x509 != nullptr ? X509_get0_pubkey(x509) : nullptr;
-    const EVP_MD* md = EVP_get_digestbyname(alg.opensslName);
+    const EVP_MD* md = alg.digest();
     if (key == nullptr || md == nullptr)
         return false;
     const bool ec = EVP_PKEY_get_base_id(key) == EVP_PKEY_EC;

@@ -1,4 +1,5 @@
-// The object search and the private-key caches.
+// The private-key caches: the token's RSA and EC keys with what pairing
+// them with certificates compares.
 #include "ClsPkcs11.h"
 
 #include "AttributeReader.h"
@@ -53,23 +54,6 @@ std::unique_ptr<Pkcs11_PrivateKey> keyRecord(unsigned long handle, const Attribu
 
 } // namespace
 
-bool ClsPkcs11::objectSearchReady(LogBase& log)
-{
-    using F = CK_FUNCTION_LIST;
-    return functionsWith(&F::C_FindObjectsInit, "C_FindObjectsInit", false, log) != nullptr
-        && functionsWith(&F::C_FindObjects, "C_FindObjects", false, log) != nullptr
-        && functionsWith(&F::C_FindObjectsFinal, "C_FindObjectsFinal", false, log) != nullptr
-        && functionsWith(&F::C_GetAttributeValue, "C_GetAttributeValue", true, log) != nullptr;
-}
-
-bool ClsPkcs11::searchObjects(std::vector<CK_ATTRIBUTE>& tmpl, std::vector<unsigned long>& handles, LogBase& log)
-{
-    if (!objectSearchReady(log))
-        return false;
-    ObjectSearch search(m_dlHandle.functions(), m_hSession);
-    return search.findAll(tmpl, handles, log);
-}
-
 bool ClsPkcs11::searchKeys(unsigned long keyType, std::vector<unsigned long>& handles, LogBase& log)
 {
     CK_OBJECT_CLASS keyClass = CKO_PRIVATE_KEY;
@@ -92,7 +76,7 @@ bool ClsPkcs11::fillKeyCache(unsigned long keyType, const std::vector<CK_ATTRIBU
         if (reader.read(m_dlHandle.functions(), m_hSession, handle, log))
             cache.appendObject(keyRecord(handle, reader));
         else
-            checkRv("C_GetAttributeValue", reader.lastRv(), log, true);
+            reportCall("C_GetAttributeValue", reader.lastRv(), log, true);
     }
     return true;
 }
@@ -174,7 +158,5 @@ void ClsPkcs11::clearTokenCaches(LogBase& log)
         clearCertCache(log);
     clearPrivateKeyCaches();
 }
-
-bool ClsPkcs11::cardRequiresPss(LogBase&) { return false; }
 
 } // namespace p11client

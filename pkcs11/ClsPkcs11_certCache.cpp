@@ -1,6 +1,8 @@
-// Choosing one certificate of the token by a selection record.
+// The certificate cache: the token's certificates read into it, handed out,
+// and one chosen by a selection record.
 #include "ClsPkcs11.h"
 
+#include "AttributeReader.h"
 #include "Certificate.h"
 #include "CertificateHolder.h"
 #include "ClsCert.h"
@@ -12,6 +14,10 @@
 namespace p11client {
 
 namespace {
+
+// The label comes along in the same call, so that a certificate named by a
+// PKCS#11 URI is found in the cache without reading its value again.
+constexpr CK_ATTRIBUTE_TYPE kCertAttributes[] = {CKA_VALUE, CKA_ID, CKA_LABEL};
 
 // The part name as the rules compare it: trimmed, lower case, two aliases.
 StringBuffer normalizedPartName(const StringBuffer& certPart)
@@ -31,7 +37,7 @@ struct KeyUsageWord {
     const char* word;
 };
 
-// In the order the rule tests them; cRLSign is tested twice on purpose.
+// In the order the rule tests them; the cRLSign bit answers to two words.
 constexpr KeyUsageWord kKeyUsageWords[] = {
     {0x40, "nonrepudiation"},     {0x80, "digitalsignature"}, {0x20, "keyencipherment"},
     {0x10, "dataencipherment"},   {0x04, "certificatesigning"}, {0x02, "crlsigning"},
@@ -114,6 +120,101 @@ void logSubject(const char* tag, const Certificate& cert, LogBase& log)
 }
 
 } // namespace
+
+bool ClsPkcs11::FindAllCerts()
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(*this, "FindAllCerts");
+    const bool ok = runGuarded(m_log, [&] { return findAllCerts(m_log); });
+    logSuccessFailure(ok);
+    return ok;
+}
+
+int ClsPkcs11::get_NumCerts()
+{
+    CritSecExitor lock(this);
+    return m_certs.getSize();
+}
+
+bool ClsPkcs11::GetCert(int index, ClsCert& cert)
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(*this, "GetCert_pkcs11");
+    const bool ok = runGuarded(m_log, [&] {
+        const auto* holder = static_cast<const CertificateHolder*>(m_certs.elementAt(index));
+        if (holder == nullptr) {
+            m_log.LogError("Error loading certificate object from DER.");
+            return false;
+        }
+        std::shared_ptr<Certificate> certificate = holder->getCertShared();
+        if (!certificate) {
+            m_log.LogError("Internal error getting cert.");
+            return false;
+        }
+        cert.injectCert(std::move(certificate), m_log);
+        cert.setSystemCerts(getSystemCertsShared());
+        return true;
+    });
+    logSuccessFailure(ok);
+    return ok;
+}
+
+// Undoes every link to this module's session before the cache lets go, so a
+// certificate still held by a ClsCert never points at a session or key of a
+// token it has left.
+void ClsPkcs11::clearCertCache(LogBase& log)
+{
+    CritSecExitor lock(this);
+    LogContextExitor ctx(log, "clearPkcs11CertCache");
+    const int n = m_certs.getSize();
+    for (int i = 0; i < n; ++i) {
+        const auto* holder = static_cast<const CertificateHolder*>(m_certs.elementAt(i));
+        Certificate* certificate = holder != nullptr ? holder->getCertPtr(log) : nullptr;
+        if (certificate != nullptr)
+            certificate->unlinkFromPkcs11Session();
+    }
+    m_certs.removeAllObjects();
+    m_certsCached = false;
+}
+
+// A refill replaces the cache: the certificates read now are the token's.
+bool ClsPkcs11::findAllCerts(LogBase& log)
+{
+    LogContextExitor ctx(log, "findAllCerts");
+    CK_OBJECT_CLASS certClass = CKO_CERTIFICATE;
+    CK_CERTIFICATE_TYPE certType = CKC_X_509;
+    std::vector<CK_ATTRIBUTE> tmpl{{CKA_CLASS, &certClass, sizeof certClass},
+                                   {CKA_CERTIFICATE_TYPE, &certType, sizeof certType}};
+    std::vector<unsigned long> handles;
+    if (!searchObjects(tmpl, handles, log))
+        return false;
+    clearCertCache(log);
+    AttributeReader reader(kCertAttributes);
+    for (unsigned long handle : handles) {
+        if (!reader.read(m_dlHandle.functions(), m_hSession, handle, log)) {
+            reportCall("C_GetAttributeValue", reader.lastRv(), log, true);
+            continue;
+        }
+        const AttributeValue* value = reader.find(CKA_VALUE);
+        std::shared_ptr<Certificate> cert =
+            value->present ? Certificate::createDeferred(value->value.bytes(), log) : nullptr;
+        if (!cert) {
+            log.LogInfo("Skipping a certificate object whose value is not an X.509 certificate.");
+            log.LogDataLong("objectHandle", static_cast<long>(handle));
+            continue;
+        }
+        cert->setPkcs11ObjectHandle(handle);
+        const AttributeValue* id = reader.find(CKA_ID);
+        if (id->present)
+            cert->setCkaId(id->value.bytes());
+        if (const AttributeValue* label = reader.find(CKA_LABEL); label->present)
+            cert->setPkcs11Label(std::string(label->value.bytes().begin(), label->value.bytes().end()));
+        m_certs.appendObject(std::make_unique<CertificateHolder>(std::move(cert)));
+    }
+    m_certsCached = true;
+    log.LogDataLong("numCerts", m_certs.getSize());
+    return true;
+}
 
 bool ClsPkcs11::commitCert(const std::shared_ptr<Certificate>& chosen, ClsCert& cert, LogBase& log)
 {
