@@ -97,26 +97,43 @@ class Suite:
 
     def measure(self, pairs, variant, job, env):
         """Every tool of the job: its calls, then REPS rounds in which each
-        tool runs once in turn, so that all see the same machine load."""
+        tool runs once in turn, so that all see the same machine load. The
+        job alone (after the login) is what the floor and the library time in
+        the process; for the other tools, their wall time less that of the
+        same tool's login-only run."""
         tools = list(self.commands(variant, job))
+        logins = dict(self.login_commands()) if job != "discover" else {}
         counted = {tool: self.count_calls(command, env) for tool, command in tools}
-        walls = {tool: [] for tool, _ in tools}
+        walls = {tool: [] for tool, _ in tools + list(logins.items())}
+        alone = {tool: [] for tool, _ in tools}
         peaks = {tool: [] for tool, _ in tools}
         for _ in range(self.args.reps):
-            for tool, command in tools:
-                wall, rss, _out = self.run_once(command(self.softhsm), env)
+            for tool, command in tools + list(logins.items()):
+                wall, rss, out = self.run_once(command(self.softhsm), env)
                 walls[tool].append(wall)
-                peaks[tool].append(rss)
+                if tool in peaks:
+                    peaks[tool].append(rss)
+                    alone[tool] += [float(f.split("=")[1]) for f in out.split() if f.startswith("jobAloneSeconds=")]
         for tool, _ in tools:
             counts, result = counted[tool]
             if tool == "pkcs11-tool":
                 result = str(result.count("Object;") or result.count("Slot "))
-            row = {"N": pairs, "variant": variant, "job": job, "tool": tool, "calls": counts["total"],
-                   "wall": statistics.median(walls[tool]), "peakKiB": max(peaks[tool]), "result": result}
+            result = result.split()[0] if result else result
+            wall = statistics.median(walls[tool])
+            job_alone = (statistics.median(alone[tool]) if alone[tool] else
+                         wall - statistics.median(walls[tool + " login"]) if tool + " login" in walls else None)
+            row = {"N": pairs, "variant": variant, "job": job, "tool": tool, "calls": counts["total"], "wall": wall,
+                   "jobAlone": job_alone, "peakKiB": max(peaks[tool]), "result": result}
             self.rows.append(row)
             self.details.append(dict(row, perFunction=counts))
+            alone_text = f"{job_alone:8.3f} s alone" if job_alone is not None else " " * 14
             print(f"  {pairs:>5} {variant:<4} {job:<9} {tool:<12} {row['calls']:>7} calls "
-                  f"{row['wall']:8.3f} s {row['peakKiB'] / 1024:7.1f} MiB  result {result}", flush=True)
+                  f"{row['wall']:8.3f} s {alone_text} {row['peakKiB'] / 1024:7.1f} MiB  result {result}", flush=True)
+
+    def login_commands(self):
+        """The login-only runs of the tools that cannot time their job themselves."""
+        yield "pkcs11-tool login", lambda m: ["pkcs11-tool", "--module", m, "--login", "--pin", PIN, "-O", "--type", "data"]
+        yield "PyKCS11 login", lambda m: [sys.executable, self.script, m, PIN, "login", "id"]
 
     def commands(self, variant, job):
         """(tool, command builder taking the module path) for the job."""
@@ -208,12 +225,15 @@ class Suite:
 
     def table(self):
         floors = {(r["N"], r["variant"], r["job"]): r for r in self.rows if r["tool"] == "floor"}
-        lines = ["| N | variant | job | tool | calls | calls / floor | median wall | wall / floor | peak memory |",
-                 "|---:|---|---|---|---:|---:|---:|---:|---:|"]
+        lines = ["| N | variant | job | tool | calls | calls / floor | median wall | wall / floor | job alone | "
+                 "alone / floor | peak memory |",
+                 "|---:|---|---|---|---:|---:|---:|---:|---:|---:|---:|"]
         for r in self.rows:
             f = floors[(r["N"], r["variant"], r["job"])]
+            alone = (f"{r['jobAlone']:.3f} s | {r['jobAlone'] / f['jobAlone']:.2f}" if r["jobAlone"] is not None
+                     else " | ")
             lines.append(f"| {r['N']} | {r['variant']} | {r['job']} | {r['tool']} | {r['calls']} | "
-                         f"{r['calls'] / f['calls']:.2f} | {r['wall']:.3f} s | {r['wall'] / f['wall']:.2f} | "
+                         f"{r['calls'] / f['calls']:.2f} | {r['wall']:.3f} s | {r['wall'] / f['wall']:.2f} | {alone} | "
                          f"{r['peakKiB'] / 1024:.1f} MiB |")
         for s in self.signatures:
             lines.append(f"| {min(self.args.pairs)} | id | sign {s['key']} (per signature) | library / bare loop | "

@@ -11,6 +11,7 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+#include <chrono>
 #include <cstdio>
 #include <stdexcept>
 #include <string>
@@ -20,6 +21,7 @@ using p11test::Bytes;
 using p11test::checkCk;
 using p11test::CryptokiModule;
 using p11test::TokenSession;
+using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -172,12 +174,8 @@ long discover(CryptokiModule& module)
     return static_cast<long>(slots.size());
 }
 
-long run(CryptokiModule& module, const std::string& job, const std::string& pin, bool byId)
+long runJob(TokenSession& s, const std::string& job, bool byId)
 {
-    if (job == "discover")
-        return discover(module);
-    TokenSession s(module.functions(), module.firstTokenSlot(), pin.empty() ? nullptr : pin.c_str(),
-                   TokenSession::Access::ReadOnly);
     if (job == "certs")
         return static_cast<long>(readCerts(s, true).size());
     if (job == "keys")
@@ -189,6 +187,23 @@ long run(CryptokiModule& module, const std::string& job, const std::string& pin,
     throw std::runtime_error("unknown job " + job);
 }
 
+// The job's result and the seconds of the job alone: after the login, before
+// the session closes (the whole job when it needs no session).
+std::pair<long, double> run(CryptokiModule& module, const std::string& job, const std::string& pin, bool byId)
+{
+    Clock::time_point start = Clock::now();
+    const auto seconds = [&start] { return std::chrono::duration<double>(Clock::now() - start).count(); };
+    if (job == "discover") {
+        const long slots = discover(module);
+        return {slots, seconds()};
+    }
+    TokenSession s(module.functions(), module.firstTokenSlot(), pin.empty() ? nullptr : pin.c_str(),
+                   TokenSession::Access::ReadOnly);
+    start = Clock::now();
+    const long result = runJob(s, job, byId);
+    return {result, seconds()};
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -196,9 +211,9 @@ int main(int argc, char** argv)
     return p11bench::runTool("p11floor", argc, argv, [](p11bench::Args& args) {
         CryptokiModule module(args["--module"]);
         module.initialize();
-        const long result = run(module, args["--job"], args["--pin"], args["--variant"] != "noid");
+        const auto [result, jobAlone] = run(module, args["--job"], args["--pin"], args["--variant"] != "noid");
         module.finalize();
-        std::printf("%ld\n", result);
+        std::printf("%ld jobAloneSeconds=%.6f\n", result, jobAlone);
         return 0;
     });
 }
