@@ -4,6 +4,7 @@
 #include "ExtPtrArray.h"
 #include "ModuleCalls.h"
 #include "ModuleLibrary.h"
+#include "RecentSlotAnswers.h"
 #include "SystemCertsHolder.h"
 #include "XString.h"
 
@@ -280,6 +281,7 @@ private:
     bool m_userLoggedIn = false;
     XString m_sigContextPin;
     std::optional<CK_SLOT_ID> m_contextPinSlot; // the slot whose token the PIN is for, once known
+    RecentSlotAnswers m_recentSlotAnswers;
 };
 
 } // namespace p11client

@@ -129,6 +129,7 @@ void ClsPkcs11::unloadModule(LogBase& log)
     if (m_dlHandle.forkedSinceOpen())
         forgetParentProcessState();
     clearTokenCaches(log);
+    m_recentSlotAnswers.clear();
     unlinkRememberedCerts();
     endSessionQuietly(log);
     finalizeQuietly(log);

@@ -124,6 +124,8 @@ bool ClsPkcs11::alreadyLoggedIn(int userType, LogBase&)
 // login or a PIN change, so a failure is only an info line.
 std::optional<CK_FLAGS> ClsPkcs11::tokenFlags(CK_SLOT_ID slotId, LogBase& log)
 {
+    if (const std::optional<CK_FLAGS> recent = m_recentSlotAnswers.takeTokenFlags(slotId))
+        return recent;
     CK_TOKEN_INFO info{};
     if (quietCalls(log).C_GetTokenInfo(slotId, &info) != CKR_OK)
         return std::nullopt;

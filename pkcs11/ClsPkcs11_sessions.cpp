@@ -69,7 +69,7 @@ bool ClsPkcs11::openSession(int slotId, bool readWrite, LogBase& log)
     CritSecExitor lock(this);
     LogContextExitor ctx(log, "openSession");
     std::vector<CK_SLOT_ID> ids;
-    if (!getSlotIdsWithTokenPresent(ids, log)) {
+    if (!m_recentSlotAnswers.takeSlotsWithToken(slotId, ids) && !getSlotIdsWithTokenPresent(ids, log)) {
         log.LogError("Failed to get slot IDs");
         return false;
     }

@@ -107,6 +107,8 @@ bool ClsPkcs11::getSlotsInfo(bool onlyTokensPresent, ClsJsonObject& json, LogBas
     std::vector<CK_SLOT_ID> slotIds;
     if (!getSlotList(onlyTokensPresent, slotIds, log))
         return false;
+    if (onlyTokensPresent)
+        m_recentSlotAnswers.keepSlotsWithToken(slotIds);
     json.updateNewArray("slots");
     for (std::size_t i = 0; i < slotIds.size(); ++i) {
         const int index = static_cast<int>(i);
@@ -150,6 +152,7 @@ bool ClsPkcs11::addTokenInfo(CK_SLOT_ID slotId, int index, ClsJsonObject& json, 
         putText(json, at(path, "error"), ckrName(rv));
         return false;
     }
+    m_recentSlotAnswers.keepTokenFlags(slotId, info.flags);
     putText(json, at(path, "label"), ckText(info.label));
     putText(json, at(path, "manufacturer"), ckText(info.manufacturerID));
     putText(json, at(path, "model"), ckText(info.model));

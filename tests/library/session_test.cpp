@@ -39,6 +39,7 @@ TEST_F(SessionTest, DiscoverReportsLibrarySlotsAndTokensAndOpenSessionFindsASlot
     EXPECT_EQ(json.jsonTypeOf((at(slots, tokens.main.slot) + "token.utcTime").c_str()), ClsJsonObject::kTypeString) << "a token with a clock tells its time";
     EXPECT_EQ(texts(at(slots, tokens.admin), {"tokenPresent", "token"}), (Lines{"false", "<none>"}));
     EXPECT_TRUE(p11->get_VerboseLogging()) << "discovery leaves the log's switch on";
+    shim::clearCalls();
     ASSERT_TRUE(p11->Discover(true, json));
     EXPECT_EQ(json.SizeOfArray(XString("slots")), static_cast<int>(present.size()));
 
@@ -46,6 +47,9 @@ TEST_F(SessionTest, DiscoverReportsLibrarySlotsAndTokensAndOpenSessionFindsASlot
     ASSERT_TRUE(p11->OpenSession(-1, true));
     EXPECT_EQ(recorded(&shim::Call::slot, "C_OpenSession"), (std::vector<CK_SLOT_ID>{present[0], present[1]}));
     EXPECT_TRUE(hasError(*p11, "C_OpenSession returned CKR_SESSION_COUNT") && p11->hasOpenSession());
+    ASSERT_TRUE(p11->Login(ClsPkcs11::kUserTypeUser, kUserPin));
+    EXPECT_EQ(shim::callCount("C_GetSlotList") * 100 + shim::callCount("C_GetTokenInfo"), 200 + static_cast<int>(present.size()))
+        << "the slot list and token flags Discover read serve the session and the login that follow";
     EXPECT_FALSE(p11->OpenSession(static_cast<int>(tokens.admin), false));
     EXPECT_EQ(errors(*p11), (Lines{"Did not find desired slot ID.", "Failed."}));
     EXPECT_TRUE(p11->OpenSession(static_cast<int>(present[1]), false));
