@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <map>
+#include <mutex>
 
 namespace p11client {
 
@@ -23,6 +25,22 @@ bool fitsLong(std::span<const std::uint8_t> bytes)
 // brainpoolP512r1, P-521. No two differ by one, which is what lets a bare
 // point be told from a wrapped one without knowing the curve.
 constexpr std::array<std::size_t, 7> kKnownFieldBytes{24, 28, 32, 40, 48, 64, 66};
+
+// A named curve's group costs more to make than a point costs to check on
+// it, so each curve's group is made once and shared: OpenSSL only reads it.
+// Never destroyed, as threads may still check points while the process exits.
+const EC_GROUP* curveGroup(int curveNid)
+{
+    static std::mutex mutex;
+    static auto* groups = new std::map<int, EcGroupPtr>;
+    if (curveNid == NID_undef)
+        return nullptr;
+    const std::lock_guard lock(mutex);
+    EcGroupPtr& group = (*groups)[curveNid];
+    if (!group)
+        group.reset(EC_GROUP_new_by_curve_name(curveNid));
+    return group.get();
+}
 
 std::size_t derHeaderSize(std::size_t contentSize)
 {
@@ -80,20 +98,18 @@ bool EcPointCanon::uncompressedOnCurve(int curveNid, std::span<const std::uint8_
 {
     if (encoded.empty() || encoded.size() > kMaxPointSize)
         return false;
-    EcGroupPtr group(EC_GROUP_new_by_curve_name(curveNid));
-    if (!group)
+    const EC_GROUP* group = curveGroup(curveNid);
+    if (group == nullptr)
         return false;
-    EcPointPtr point(EC_POINT_new(group.get()));
-    if (!point || EC_POINT_oct2point(group.get(), point.get(), encoded.data(), encoded.size(), nullptr) != 1)
+    EcPointPtr point(EC_POINT_new(group));
+    if (!point || EC_POINT_oct2point(group, point.get(), encoded.data(), encoded.size(), nullptr) != 1)
         return false;
-    const std::size_t len =
-        EC_POINT_point2oct(group.get(), point.get(), POINT_CONVERSION_UNCOMPRESSED, nullptr, 0, nullptr);
+    const std::size_t len = EC_POINT_point2oct(group, point.get(), POINT_CONVERSION_UNCOMPRESSED, nullptr, 0, nullptr);
     if (len == 0 || len > kMaxPointSize)
         return false; // includes the point at infinity, which has no key
     DataBuffer form;
     form.resize(len);
-    if (EC_POINT_point2oct(group.get(), point.get(), POINT_CONVERSION_UNCOMPRESSED, form.getData(), len,
-                           nullptr) != len)
+    if (EC_POINT_point2oct(group, point.get(), POINT_CONVERSION_UNCOMPRESSED, form.getData(), len, nullptr) != len)
         return false;
     out.clear();
     out.append(form);
@@ -123,8 +139,7 @@ int EcPointCanon::curveOfEcParams(std::span<const std::uint8_t> ecParamsDer)
     if (!oid || p != ecParamsDer.data() + ecParamsDer.size())
         return NID_undef;
     const int nid = OBJ_obj2nid(oid.get());
-    EcGroupPtr group(nid == NID_undef ? nullptr : EC_GROUP_new_by_curve_name(nid));
-    return group ? nid : NID_undef;
+    return curveGroup(nid) != nullptr ? nid : NID_undef;
 }
 
 } // namespace p11client

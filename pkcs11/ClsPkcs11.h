@@ -229,6 +229,7 @@ private:
                       LogBase& log);
     bool cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, LogBase& log);
     bool cacheEcdsaPrivateKeys(LogBase& log);
+    bool fillBothKeyCaches(LogBase& log);
     void readPublicKeyMaterial(Pkcs11_PrivateKey& key, unsigned long keyType);
     void clearTokenCaches(LogBase& log);
 
@@ -249,6 +250,8 @@ private:
     unsigned long findEcKeyHandle(Certificate& cert, bool& keyVerified, LogBase& log);
     unsigned long fallbackKey(ExtPtrArray& keys, unsigned long keyType, const DataBuffer& certMaterial, bool& proven);
     void rememberLink(Certificate& cert);
+    void readKeysForPairing(bool minimalFirstPass);
+    bool certCacheHoldsBothKeyTypes();
     void unlinkRememberedCerts();
 
     // ClsPkcs11_signing.cpp

@@ -101,6 +101,38 @@ bool ClsPkcs11::cacheRsaPrivateKeys(bool forceRefill, bool withPublicMaterial, L
     return true;
 }
 
+// Both caches from one search of every private key, each key read in one
+// template with what either cache keeps. On common modules a search passes
+// over every object of the token whatever its template asks, so one pass for
+// both types costs less than a pass for each. CKA_MODULUS, absent from EC
+// keys, is read once like the EC attributes are: its first buffer holds the
+// modulus of any RSA key up to 8192 bits.
+bool ClsPkcs11::fillBothKeyCaches(LogBase& log)
+{
+    static constexpr CK_ATTRIBUTE_TYPE kTypes[] = {CKA_KEY_TYPE, CKA_ID,       CKA_SIGN,     CKA_SUBJECT,
+                                                   CKA_MODULUS,  CKA_EC_POINT, CKA_EC_PARAMS};
+    static constexpr CK_ATTRIBUTE_TYPE kReadOnce[] = {CKA_SIGN, CKA_EC_POINT, CKA_EC_PARAMS, CKA_MODULUS};
+    CK_OBJECT_CLASS keyClass = CKO_PRIVATE_KEY;
+    std::vector<CK_ATTRIBUTE> tmpl{{CKA_CLASS, &keyClass, sizeof keyClass}};
+    std::vector<unsigned long> handles;
+    if (!searchObjects(tmpl, handles, log))
+        return false;
+    AttributeReader reader(kTypes, kReadOnce);
+    m_rsaKeys.removeAllObjects();
+    m_ecKeys.removeAllObjects();
+    for (unsigned long handle : handles) {
+        if (!reader.read(m_dlHandle.functions(), m_hSession, handle, log)) {
+            reportCall("C_GetAttributeValue", reader.lastRv(), log, true);
+            continue;
+        }
+        const std::optional<CK_ULONG> type = reader.find(CKA_KEY_TYPE)->asUlong();
+        if (type == CKK_RSA || type == CKK_EC)
+            (type == CKK_RSA ? m_rsaKeys : m_ecKeys).appendObject(keyRecord(handle, reader));
+    }
+    m_rsaKeysCached = m_rsaKeysHaveSubjectDer = m_rsaKeysHaveModulus = m_ecKeysCached = true;
+    return true;
+}
+
 // Each key's EC point (and curve, to decode it) comes in the same template
 // as its CKA_ID: one call per key either way, and a fallback must know the
 // point to pass over a key that is another certificate's.

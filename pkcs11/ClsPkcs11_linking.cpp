@@ -3,6 +3,7 @@
 #include "ClsPkcs11.h"
 
 #include "Certificate.h"
+#include "CertificateHolder.h"
 #include "Pkcs11_PrivateKey.h"
 #include "RsaKey.h"
 #include "ZelvanMp.h"
@@ -56,6 +57,7 @@ bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool minimalFirstPass
     LogContextExitor ctx(log, "linkCertToPkcs11Session");
     if (cert == nullptr)
         return false;
+    readKeysForPairing(minimalFirstPass);
     int certKeyType = 0;
     int expectedSignatureSize = 0;
     bool keyVerified = true;
@@ -70,6 +72,32 @@ bool ClsPkcs11::linkCertToPkcs11Session(Certificate* cert, bool minimalFirstPass
     cert->linkToPkcs11Session(this, certKeyType, expectedSignatureSize, handle, log, keyVerified);
     rememberLink(*cert);
     return true;
+}
+
+// An application that links the certificates it listed, one by one, pairs
+// certificates of both key types when the cache holds both: the first link
+// then reads both key caches in one search. A failure leaves the caches to be
+// filled one type at a time, as without it.
+void ClsPkcs11::readKeysForPairing(bool minimalFirstPass)
+{
+    LogNull quiet;
+    if (!minimalFirstPass && !m_certHandleIsKeyHandle && !m_rsaKeysCached && !m_ecKeysCached && certCacheHoldsBothKeyTypes())
+        fillBothKeyCaches(quiet);
+}
+
+bool ClsPkcs11::certCacheHoldsBothKeyTypes()
+{
+    LogNull quiet;
+    bool rsa = false, ec = false;
+    for (int i = 0; i < m_certs.getSize() && !(rsa && ec); ++i) {
+        const auto* holder = static_cast<const CertificateHolder*>(m_certs.elementAt(i));
+        const Certificate* certificate = holder != nullptr ? holder->getCertPtr(quiet) : nullptr;
+        int bits = 0;
+        const int type = certificate != nullptr ? certificate->getCertKeyType(bits, quiet) : 0;
+        rsa = rsa || type == Certificate::kKeyTypeRsa;
+        ec = ec || type == Certificate::kKeyTypeEcdsa;
+    }
+    return rsa && ec;
 }
 
 // A linked certificate points at this object; the ones held outside the

@@ -28,9 +28,9 @@ CK_ULONG typicalAttributeLength(CK_ATTRIBUTE_TYPE type)
 {
     switch (type) {
     case CKA_VALUE: return 4096;
+    case CKA_MODULUS: return 1024; // 8192 bits
     case CKA_SUBJECT:
-    case CKA_ISSUER:
-    case CKA_MODULUS: return 520;
+    case CKA_ISSUER: return 520;
     case CKA_EC_POINT: return 160;
     case CKA_EC_PARAMS:
     case CKA_ID:
