@@ -122,6 +122,9 @@ public:
     // getCertPublicKey followed by EccKey::exportEccPoint gives, with the
     // same log when it fails.
     bool getEcPublicPoint(DataBuffer& out, LogBase& log) const;
+    // The RSA modulus without leading zeros, with the same log as
+    // getCertPublicKey when it fails.
+    bool getRsaModulus(DataBuffer& magnitude, LogBase& log) const;
     // Replaces out with the DER of a part: kPartSubject (the subject name, as
     // a token's CKA_SUBJECT holds it), kPartIssuer, kPartPublicKey (the
     // SubjectPublicKeyInfo) or kPartCertificate.
@@ -198,6 +201,7 @@ private:
         int keyType = kKeyTypeOther;
         int bits = 0;
         DataBuffer ecPoint;
+        DataBuffer rsaModulus; // without leading zeros
     };
     const KeyOutline& keyOutline() const;
     static KeyOutline readKeyOutline(std::span<const std::uint8_t> der);

@@ -5,6 +5,8 @@
 #include "EccKey.h"
 #include "LogBase.h"
 #include "OpenSslPtr.h"
+#include "RsaKey.h"
+#include "ZelvanMp.h"
 #include "_qxPublicKey.h"
 
 namespace p11client {
@@ -70,9 +72,9 @@ int nidOfObject(const certder::Element& e)
     return obj ? OBJ_obj2nid(obj.get()) : NID_undef;
 }
 
-// Bits of the modulus of an RSAPublicKey (SEQUENCE of modulus and exponent
-// INTEGERs); 0 when the bytes are not one.
-int rsaModulusBits(std::span<const std::uint8_t> key)
+// The modulus of an RSAPublicKey (SEQUENCE of modulus and exponent
+// INTEGERs), without leading zeros; empty when the bytes are not one.
+std::span<const std::uint8_t> rsaModulus(std::span<const std::uint8_t> key)
 {
     const unsigned char* p = key.data();
     const unsigned char* end = key.data() + key.size();
@@ -80,14 +82,19 @@ int rsaModulusBits(std::span<const std::uint8_t> key)
     certder::Element n;
     certder::Element e;
     if (!certder::nextElement(p, end, seq) || !seq.is(V_ASN1_SEQUENCE, true) || p != end)
-        return 0;
+        return {};
     p = seq.content;
     if (!certder::nextElement(p, seq.end(), n) || !n.is(V_ASN1_INTEGER, false) || !certder::nextElement(p, seq.end(), e)
         || !e.is(V_ASN1_INTEGER, false) || p != seq.end() || n.length < 1 || (n.content[0] & 0x80) != 0)
-        return 0;
+        return {};
     std::span<const std::uint8_t> magnitude = n.contentBytes();
     while (!magnitude.empty() && magnitude.front() == 0)
         magnitude = magnitude.subspan(1);
+    return magnitude;
+}
+
+int bitsOf(std::span<const std::uint8_t> magnitude)
+{
     if (magnitude.empty())
         return 0;
     int top = 0;
@@ -123,8 +130,10 @@ Certificate::KeyOutline Certificate::readKeyOutline(std::span<const std::uint8_t
         return k;
     const int nid = nidOfObject(oid);
     if (nid == NID_rsaEncryption || nid == NID_rsassaPss) {
-        k.bits = rsaModulusBits(key);
+        const std::span<const std::uint8_t> modulus = rsaModulus(key);
+        k.bits = bitsOf(modulus);
         k.keyType = kKeyTypeRsa;
+        k.rsaModulus.append(modulus.data(), modulus.size());
     } else if (nid == NID_X9_62_id_ecPublicKey && certder::nextElement(q, algorithm.end(), params)
                && q == algorithm.end()) {
         const int curve = EcPointCanon::curveOfEcParams(params.whole());
@@ -160,6 +169,18 @@ int Certificate::getCertKeyType(int& bits, LogBase& log) const
     if (bits < 0)
         bits = 0;
     return keyTypeCode(pkey);
+}
+
+bool Certificate::getRsaModulus(DataBuffer& magnitude, LogBase& log) const
+{
+    if (const KeyOutline& k = keyOutline(); k.known && k.keyType == kKeyTypeRsa) {
+        magnitude.clear();
+        magnitude.append(k.rsaModulus);
+        return true;
+    }
+    _qxPublicKey key;
+    return getCertPublicKey(key, log) && key.getRsaKey() != nullptr
+        && ZelvanMp::unsigned_mpint_to_db(key.getRsaKey()->modulus(), magnitude);
 }
 
 bool Certificate::getCertPublicKey(_qxPublicKey& key, LogBase& log) const

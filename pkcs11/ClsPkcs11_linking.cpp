@@ -5,9 +5,6 @@
 #include "Certificate.h"
 #include "CertificateHolder.h"
 #include "Pkcs11_PrivateKey.h"
-#include "RsaKey.h"
-#include "ZelvanMp.h"
-#include "_qxPublicKey.h"
 
 #include <algorithm>
 #include <memory>
@@ -180,13 +177,13 @@ unsigned long ClsPkcs11::findRsaKeyBySubjectDER(Certificate& cert, bool requireS
 unsigned long ClsPkcs11::findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log)
 {
     CritSecExitor lock(this);
-    _qxPublicKey publicKey;
-    if (!cert.getCertPublicKey(publicKey, log) || publicKey.getRsaKey() == nullptr)
-        return 0;
     DataBuffer unsignedForm;
-    DataBuffer signedForm;
-    ZelvanMp::unsigned_mpint_to_db(publicKey.getRsaKey()->modulus(), unsignedForm);
-    ZelvanMp::mpint_to_db(publicKey.getRsaKey()->modulus(), signedForm);
+    if (!cert.getRsaModulus(unsignedForm, log) || unsignedForm.isEmpty())
+        return 0;
+    DataBuffer signedForm; // as a token that keeps the INTEGER's sign byte has it
+    if ((unsignedForm.getData()[0] & 0x80) != 0)
+        signedForm.appendByte(0);
+    signedForm.append(unsignedForm);
     if (m_rsaKeys.getSize() < 1)
         return 0;
     return scanRsaKeys(&Pkcs11_PrivateKey::m_modulus, unsignedForm, &signedForm, requireSign,
@@ -251,10 +248,8 @@ unsigned long ClsPkcs11::findRsaKeyHandle(Certificate& cert, bool minimalFirstPa
     // The lone key of a token with a lone certificate can only be its key,
     // unless its modulus (read by now where the token gives it) says not.
     if (m_rsaKeys.getSize() == 1 && m_certs.getSize() == 1) {
-        _qxPublicKey publicKey;
         DataBuffer modulus;
-        if (cert.getCertPublicKey(publicKey, log) && publicKey.getRsaKey() != nullptr)
-            ZelvanMp::unsigned_mpint_to_db(publicKey.getRsaKey()->modulus(), modulus);
+        cert.getRsaModulus(modulus, log);
         if (unsigned long h = fallbackKey(m_rsaKeys, CKK_RSA, modulus, keyVerified)) {
             logFallback(log, "Using only possible private key", keyVerified);
             return h;
