@@ -120,7 +120,8 @@ class Suite:
                 result = str(result.count("Object;") or result.count("Slot "))
             result = result.split()[0] if result else result
             wall = statistics.median(walls[tool])
-            job_alone = (statistics.median(alone[tool]) if alone[tool] else
+            # Discover has no login to start the job from: the whole process is the job.
+            job_alone = (None if job == "discover" else statistics.median(alone[tool]) if alone[tool] else
                          wall - statistics.median(walls[tool + " login"]) if tool + " login" in walls else None)
             row = {"N": pairs, "variant": variant, "job": job, "tool": tool, "calls": counts["total"], "wall": wall,
                    "jobAlone": job_alone, "peakKiB": max(peaks[tool]), "result": result}
