@@ -44,7 +44,7 @@ int runCerts(CommandContext& context)
     for (int i = 0; i < count; ++i) {
         ClsCert cert;
         session.log().check(p11, p11.GetCert(i, cert), "could not read certificate " + std::to_string(i));
-        linkPrivateKey(session, cert, true);
+        linkPrivateKey(session, cert, true, true);
         const CertificateView view = CertificateView::of(cert);
         view.addTo(json, "certificates[" + std::to_string(i) + "]");
         if (context.options.json)

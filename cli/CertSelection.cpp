@@ -87,14 +87,14 @@ void selectCertificate(TokenSession& session, const CertQuery& query, ClsCert& c
     session.log().check(p11, p11.FindCert(XString(part.c_str()), XString(query.value.c_str()), cert), what);
 }
 
-bool linkPrivateKey(TokenSession& session, ClsCert& cert, bool quiet)
+bool linkPrivateKey(TokenSession& session, ClsCert& cert, bool quiet, bool oneOfAll)
 {
     if (cert.HasPrivateKey())
         return true;
     const auto certificate = cert.getCertificate();
     p11client::_qxLogger log;
     log.m_verbose = session.log().verbose();
-    const bool linked = certificate && session.module().linkCertToPkcs11Session(certificate.get(), false, log);
+    const bool linked = certificate && session.module().linkCertToPkcs11Session(certificate.get(), !oneOfAll, log);
     if (quiet)
         session.log().show(log);
     else

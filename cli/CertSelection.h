@@ -36,7 +36,9 @@ void selectCertificate(TokenSession& session, const CertQuery& query, p11client:
 
 // Pairs the certificate with its private key on the token (unless it
 // already is) and tells whether it has one. quiet keeps a key not found
-// from being an error; otherwise that ends the command.
-bool linkPrivateKey(TokenSession& session, p11client::ClsCert& cert, bool quiet);
+// from being an error; otherwise that ends the command. oneOfAll: the
+// command pairs every certificate, so the library reads all the keys'
+// pairing material at the first one.
+bool linkPrivateKey(TokenSession& session, p11client::ClsCert& cert, bool quiet, bool oneOfAll = false);
 
 } // namespace p11cli

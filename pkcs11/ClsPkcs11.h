@@ -147,6 +147,10 @@ public:
     unsigned long findRsaKeyBySubjectDER(Certificate& cert, bool requireSign, LogBase& log);
     unsigned long findRsaKeyByModulus(Certificate& cert, bool requireSign, LogBase& log);
     // Links the certificate to the session with its private key's handle.
+    // minimalFirstPass reads, at first, only what pairing by CKA_ID needs:
+    // for linking one certificate. Without it every key's pairing material
+    // is read at once, for both key types when the certificate cache holds
+    // both (one search): for linking every certificate.
     bool linkCertToPkcs11Session(Certificate* cert, bool minimalFirstPass, LogBase& log);
 
 private:
